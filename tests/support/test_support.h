@@ -1,0 +1,64 @@
+// Helpers shared by the unit tests: an allocator that counts and fails on
+// request, a message-stream sink, and matchers for the text of death tests.
+#ifndef HOSTKIT_TEST_SUPPORT_H
+#define HOSTKIT_TEST_SUPPORT_H
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+
+#include "cpub.h"
+
+namespace hostkit_test {
+
+// Four allocator callbacks over the C library that count their calls and the
+// blocks outstanding. `fail_at` = N makes the Nth allocating call (malloc,
+// calloc or realloc, counted together from 1) return null; 0 never fails.
+struct CountingAllocator {
+  int allocating_calls = 0;
+  int malloc_calls = 0;
+  int calloc_calls = 0;
+  int realloc_calls = 0;
+  int free_calls = 0;
+  int fail_at = 0;
+  int64_t live = 0;
+
+  static void* malloc(void* handle, uint64_t size);
+  static void* calloc(void* handle, uint64_t count, uint64_t size);
+  static void* realloc(void* handle, void* pointer, uint64_t size);
+  static void free(void* handle, void* pointer);
+
+  SysEnv* create_env(int32_t tracking = 0) {
+    return sysenv_create(0, tracking, this, malloc, calloc, realloc, free);
+  }
+  MemManager* create_manager(int32_t tracking) {
+    return memman_create(tracking, this, malloc, calloc, realloc, free);
+  }
+
+ private:
+  bool fails_now();
+};
+
+// A message-stream or print callback that collects everything it is given.
+struct TextSink {
+  std::string text;
+  int calls = 0;
+  static void receive(void* handle, const char* text);
+};
+
+// A stream callback that writes to standard error, where death tests look.
+void write_to_stderr(void* handle, const char* text);
+
+// Sends standard output to standard error, for death tests of code that prints.
+void stdout_to_stderr();
+
+// Matches a death test's standard error that begins with `expected`, whatever
+// the runtime adds behind it. In `expected`, "<p>" stands for an address as
+// %p prints it on either platform (a death test's child may place blocks
+// elsewhere than its parent).
+::testing::Matcher<const std::string&> StartsWithText(const std::string& expected);
+
+}  // namespace hostkit_test
+
+#endif
