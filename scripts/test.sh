@@ -31,9 +31,11 @@ for preset in "${presets[@]}"; do
     continue
   fi
   if [ "$preset" = windows ] && [ $wine_started -eq 0 ]; then
-    scripts/wine-run wineboot -i > /dev/null 2>&1 || true
+    mkdir -p "$WINEPREFIX"
+    wineserver -k 2> /dev/null || true
     wineserver -p
     wine_started=1
+    scripts/wine-run wineboot > /dev/null 2>&1 || true
   fi
   ctest --preset "$preset" -j "$jobs" || failed+=("$preset")
 done
