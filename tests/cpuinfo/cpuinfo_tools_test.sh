@@ -43,12 +43,8 @@ if [ "$(getconf _NPROCESSORS_ONLN)" -lt 2 ]; then
   echo "skip: pinned run needs two processors"
 elif ! command -v taskset > /dev/null; then
   echo "skip: pinned run needs taskset"
-elif [ -n "$runner" ]; then
-  # Wine's processes take their affinity from its server, which runs apart
-  # from the pinned command: the restriction doesn't reach the program.
-  echo "skip: pinned run under an emulator"
 else
-  taskset -c 0 "$hostkit" | lf > "$work/pinned"
+  taskset -c 0 $runner "$hostkit" | lf > "$work/pinned"
   sed -n '1,2p' "$work/pinned" > "$work/pinned.head"
   printf 'Begin CPU core counting\nNot all cpus enabled\n' > "$work/expected.head"
   check "pinned run: no walk" "$work/expected.head" "$work/pinned.head"
