@@ -31,8 +31,12 @@ for preset in "${presets[@]}"; do
     continue
   fi
   if [ "$preset" = windows ] && [ $wine_started -eq 0 ]; then
+    # The persistent server first, then the boot: the services the boot
+    # starts stay up under that server. Started by the first test program
+    # instead, they would hold its output pipe open and stall the test
+    # discovery. A server already up for the prefix serves as well.
+    wineserver -p || true
     scripts/wine-run wineboot -i > /dev/null 2>&1 || true
-    wineserver -p
     wine_started=1
   fi
   ctest --preset "$preset" -j "$jobs" || failed+=("$preset")
