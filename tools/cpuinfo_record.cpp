@@ -193,8 +193,9 @@ void cpuid_record_lookup(const CpuidRecord& record, uint32_t leaf, uint32_t subl
 
 std::string cpuid_record_line(const CpuidEntry& e) {
   char line[160];
-  std::snprintf(line, sizeof line, "%" PRIx32 " %" PRIx32 " %" PRIx32 " %" PRIx32 " %" PRIx32
-                " => %" PRIx32 " %" PRIx32 " %" PRIx32 " %" PRIx32 "\n",
+  std::snprintf(line, sizeof line,
+                "%" PRIx32 " %" PRIx32 " %" PRIx32 " %" PRIx32 " %" PRIx32 " => %" PRIx32
+                " %" PRIx32 " %" PRIx32 " %" PRIx32 "\n",
                 e.inmask, e.in[0], e.in[1], e.in[2], e.in[3], e.out[0], e.out[1], e.out[2],
                 e.out[3]);
   return line;
@@ -307,7 +308,8 @@ void record_range(CpuidRecord* record, const CpuinfoPort* port, uint32_t first, 
         }
         break;
       case 0xD:
-        for (uint32_t sub = 0; sub < kMaxSubleaves; ++sub) add_entry(record, port, leaf, sub, true, regs);
+        for (uint32_t sub = 0; sub < kMaxSubleaves; ++sub)
+          add_entry(record, port, leaf, sub, true, regs);
         break;
       case 7:
       case 0xF:

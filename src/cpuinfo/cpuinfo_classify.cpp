@@ -79,30 +79,44 @@ uint32_t vendor_number(const CpuIdSnapshot* s, bool verbose) {
 uint32_t intel_family4_type(uint32_t model) {
   switch (model) {
     case 0:
-    case 1: return 9;
-    case 2: return 10;
-    case 3: return 11;
-    case 4: return 12;
-    case 5: return 13;
-    case 7: return 14;
-    case 8: return 15;
-    default: return 0;
+    case 1:
+      return 9;
+    case 2:
+      return 10;
+    case 3:
+      return 11;
+    case 4:
+      return 12;
+    case 5:
+      return 13;
+    case 7:
+      return 14;
+    case 8:
+      return 15;
+    default:
+      return 0;
   }
 }
 
 uint32_t intel_family6_type(uint32_t model) {
   switch (model) {
-    case 1: return 18;
+    case 1:
+      return 18;
     case 3:
-    case 5: return 19;
-    case 6: return 20;
+    case 5:
+      return 19;
+    case 6:
+      return 20;
     case 7:
     case 8:
     case 10:
-    case 11: return 21;
+    case 11:
+      return 21;
     case 9:
-    case 13: return 23;
-    default: return 22;
+    case 13:
+      return 23;
+    default:
+      return 22;
   }
 }
 
@@ -124,9 +138,12 @@ uint32_t cpu_type(const CpuIdSnapshot* s, bool verbose) {
   }
   if (vendor == kVendorAmd) {
     switch (family) {
-      case 6: return 6;
-      case 15: return 7;
-      case 23: return 8;
+      case 6:
+        return 6;
+      case 15:
+        return 7;
+      case 23:
+        return 8;
       default:
         if (verbose) std::printf("cpu type unknown.\n");
         return 0;
@@ -134,10 +151,14 @@ uint32_t cpu_type(const CpuIdSnapshot* s, bool verbose) {
   }
   if (vendor == kVendorIntel) {
     switch (family) {
-      case 4: return intel_family4_type(model);
-      case 5: return model >= 1 && model <= 3 ? 16 : 17;
-      case 6: return intel_family6_type(model);
-      case 15: return 22;
+      case 4:
+        return intel_family4_type(model);
+      case 5:
+        return model >= 1 && model <= 3 ? 16 : 17;
+      case 6:
+        return intel_family6_type(model);
+      case 15:
+        return 22;
       default:
         if (verbose) std::printf("cpu type unknown.\n");
         return 22;
@@ -152,16 +173,25 @@ uint32_t class_of(uint32_t type) {
   if (type >= 9 && type <= 15) return 1;
   if (type >= 16 && type <= 18) return 4;
   switch (type) {
-    case 6: return 17;
-    case 7: return 18;
-    case 8: return 19;
-    case 19: return 5;
+    case 6:
+      return 17;
+    case 7:
+      return 18;
+    case 8:
+      return 19;
+    case 19:
+      return 5;
     case 20:
-    case 21: return 6;
-    case 22: return 7;
-    case 23: return 8;
-    case 24: return 12;
-    default: return 0;
+    case 21:
+      return 6;
+    case 22:
+      return 7;
+    case 23:
+      return 8;
+    case 24:
+      return 12;
+    default:
+      return 0;
   }
 }
 
@@ -192,10 +222,14 @@ uint32_t intel_cache_answer(uint32_t query, bool verbose) {
     sizes[1] = regs[2] >> 16;
   }
   switch (query) {
-    case kQueryL1: return sizes[0];
-    case kQueryL2: return sizes[1];
-    case kQueryL3: return sizes[2];
-    default: return 0;
+    case kQueryL1:
+      return sizes[0];
+    case kQueryL2:
+      return sizes[1];
+    case kQueryL3:
+      return sizes[2];
+    default:
+      return 0;
   }
 }
 
@@ -213,11 +247,16 @@ uint32_t amd_cache_answer(uint32_t query, CpuIdSnapshot* s) {
     return (l1[kRegister[reg]] >> shift) & 0xFF;
   }
   switch (query) {
-    case 0x30: return bits(l2[2], 16, 16);
-    case 0x31: return bits(l2[2], 12, 4);
-    case 0x32: return bits(l2[2], 8, 4);
-    case 0x33: return bits(l2[2], 0, 8);
-    default: break;
+    case 0x30:
+      return bits(l2[2], 16, 16);
+    case 0x31:
+      return bits(l2[2], 12, 4);
+    case 0x32:
+      return bits(l2[2], 8, 4);
+    case 0x33:
+      return bits(l2[2], 0, 8);
+    default:
+      break;
   }
   if (query >= 0x34 && query <= 0x3B) {
     if (cpuinfo_query(kQueryCpuType, s, 0) != kCpuTypeAmdFamily6) return 0;
@@ -235,8 +274,7 @@ uint32_t amd_cache_answer(uint32_t query, CpuIdSnapshot* s) {
 
 extern "C" {
 
-void cpuinfo_cpuid_leaf(uint32_t leaf, uint32_t* eax, uint32_t* ebx, uint32_t* ecx,
-                        uint32_t* edx) {
+void cpuinfo_cpuid_leaf(uint32_t leaf, uint32_t* eax, uint32_t* ebx, uint32_t* ecx, uint32_t* edx) {
   // None of these leaves takes a subleaf; the port gets 0 so that a recorded
   // machine answers the same as the instruction does.
   cpuinfo_cpuid(leaf, 0, eax, ebx, ecx, edx);
@@ -275,23 +313,36 @@ uint32_t cpuinfo_query(uint32_t query, CpuIdSnapshot* snapshot, int32_t verbose)
   if (query >= 5 && query <= 14) return bit(edx, query - 5);
   if (query >= 15 && query <= 21) return bit(edx, query - 4);
   switch (query) {
-    case 22: return bit(edx, 25) | bit(ext_edx, 22);
-    case 23: return bit(edx, 23);
-    case 24: return bit(edx, 24);
-    case 25: return bit(ext_edx, 30);
-    case 26: return bit(ext_edx, 31);
-    case 27: return bit(ext_edx, 22);
-    case 28: return bit(edx, 25);
-    case kQuerySse2: return bit(edx, 26);
-    case kQuerySse3: return bit(snapshot->feature_ecx, 0);
-    default: break;
+    case 22:
+      return bit(edx, 25) | bit(ext_edx, 22);
+    case 23:
+      return bit(edx, 23);
+    case 24:
+      return bit(edx, 24);
+    case 25:
+      return bit(ext_edx, 30);
+    case 26:
+      return bit(ext_edx, 31);
+    case 27:
+      return bit(ext_edx, 22);
+    case 28:
+      return bit(edx, 25);
+    case kQuerySse2:
+      return bit(edx, 26);
+    case kQuerySse3:
+      return bit(snapshot->feature_ecx, 0);
+    default:
+      break;
   }
   // The cache questions. The vendor is asked silently: its line stands once
   // in a trace, at the cpu type.
   switch (vendor_number(snapshot, false)) {
-    case kVendorIntel: return intel_cache_answer(query, trace);
-    case kVendorAmd: return amd_cache_answer(query, snapshot);
-    default: return 0;
+    case kVendorIntel:
+      return intel_cache_answer(query, trace);
+    case kVendorAmd:
+      return amd_cache_answer(query, snapshot);
+    default:
+      return 0;
   }
 }
 

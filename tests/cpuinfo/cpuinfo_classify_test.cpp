@@ -197,7 +197,7 @@ TEST(CpuinfoQuery, SnapshotIsReadOnceWithItsExtendedLeavesGuarded) {
   // Leaf 0, leaf 1, 0x80000000, then 0x80000005 and 0x80000002..4 and
   // 0x80000001 only as far as 0x80000000 allows.
   EXPECT_EQ(cpu.leaves_read, (std::vector<uint32_t>{0, 1, 0x80000000, 0x80000005, 0x80000002,
-                                                   0x80000003, 0x80000004, 0x80000001}));
+                                                    0x80000003, 0x80000004, 0x80000001}));
   EXPECT_EQ(cpuinfo_query(0x30, &snapshot, 0), 0u);  // 0x80000006 was never read
   EXPECT_EQ(cpu.leaves_read.size(), 8u);
 }
@@ -255,15 +255,15 @@ struct CacheCase {
 
 TEST(CpuinfoCache, DescriptorBytesLastMatchWins) {
   const CacheCase cases[] = {
-      {Regs{0x00000001, 0, 0, 0}, 0, 0, 0},             // the count byte isn't a descriptor
-      {leaf2({0xFF}), 0, 0, 0},                          // leaf 4 isn't consulted
-      {leaf2({0x01, 0x43, 0x44}), 0, 1024, 0},           // last match wins
-      {leaf2({0x01, 0x44, 0x43}), 0, 512, 0},            // not the largest
-      {leaf2({0x3A, 0x3D, 0x3E, 0x49}), 0, 0, 0},        // not in the table
+      {Regs{0x00000001, 0, 0, 0}, 0, 0, 0},        // the count byte isn't a descriptor
+      {leaf2({0xFF}), 0, 0, 0},                    // leaf 4 isn't consulted
+      {leaf2({0x01, 0x43, 0x44}), 0, 1024, 0},     // last match wins
+      {leaf2({0x01, 0x44, 0x43}), 0, 512, 0},      // not the largest
+      {leaf2({0x3A, 0x3D, 0x3E, 0x49}), 0, 0, 0},  // not in the table
       {leaf2({0x0A, 0x0C, 0x22, 0x39}), 16, 128, 512},
       {leaf2({0x66, 0x60, 0x67, 0x2C, 0x68, 0x23, 0x25, 0x29, 0x4E}), 32, 6144, 4096},
-      {leaf2({0x2C, 0, 0, 0, 0x66, 0, 0, 0, 0x79, 0x7A, 0x7B, 0x7C, 0x7D, 0x25, 0x22, 0}), 8,
-       2048, 512},
+      {leaf2({0x2C, 0, 0, 0, 0x66, 0, 0, 0, 0x79, 0x7A, 0x7B, 0x7C, 0x7D, 0x25, 0x22, 0}), 8, 2048,
+       512},
       {leaf2({0x3B, 0x41, 0x3C, 0x42, 0x82, 0x83, 0x86, 0x87, 0x84, 0x78, 0x85, 0x45}), 0, 2048, 0},
       {Regs{0x80000001, 0x800000FF, 0x80000000, 0x8000002C}, 32, 0, 0},  // bit 31 not heeded
   };
@@ -385,8 +385,7 @@ TEST(CpuinfoEnvironment, ClassSettingAndCachesComeFromTheProcessor) {
       {"AuthenticAMD", 15, 8, 10010},  // family 23: class 19
       {"AuthenticAMD", 15, 10, 10},    // family 25: class 0
       {"AuthenticAMD", 15, 0, 10},     // class 18
-      {"GenuineIntel", 6, 0, 10},
-      {"CentaurHauls", 6, 0, 10},
+      {"GenuineIntel", 6, 0, 10},     {"CentaurHauls", 6, 0, 10},
   };
   for (const Case& c : cases) {
     FakeCpu cpu;
@@ -399,7 +398,8 @@ TEST(CpuinfoEnvironment, ClassSettingAndCachesComeFromTheProcessor) {
     SysEnv* env = sysenv_create(0, 0, nullptr, nullptr, nullptr, nullptr, nullptr);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     ASSERT_NE(env, nullptr);
-    EXPECT_EQ(env->class_setting, c.class_setting) << c.vendor << " " << c.family << "+" << c.ext_family;
+    EXPECT_EQ(env->class_setting, c.class_setting)
+        << c.vendor << " " << c.family << "+" << c.ext_family;
     const bool amd = std::string(c.vendor) == "AuthenticAMD";
     const bool intel = std::string(c.vendor) == "GenuineIntel";
     // AMD: l1 is ECX 24-31 of 0x80000005 (32), l2 ECX 16-31 of 0x80000006

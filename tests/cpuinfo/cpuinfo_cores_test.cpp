@@ -57,9 +57,9 @@ std::string walk_lines(uint64_t mask, uint64_t system, int apic, int pkg, int co
 }
 
 TEST(CpuinfoFieldWidth, BitsForValuesBelowN) {
-  const std::pair<uint32_t, uint32_t> cases[] = {{0, 0},  {1, 0},  {2, 1},  {3, 2},   {4, 2},
-                                                 {5, 3},  {8, 3},  {9, 4},  {16, 4},  {17, 5},
-                                                 {255, 8}, {256, 8}, {257, 9}, {0xFFFFFFFF, 32}};
+  const std::pair<uint32_t, uint32_t> cases[] = {
+      {0, 0}, {1, 0},  {2, 1},  {3, 2},   {4, 2},   {5, 3},   {8, 3},
+      {9, 4}, {16, 4}, {17, 5}, {255, 8}, {256, 8}, {257, 9}, {0xFFFFFFFF, 32}};
   for (auto [n, width] : cases) EXPECT_EQ(cpuinfo_field_width(n), width) << n;
 }
 
@@ -90,12 +90,13 @@ TEST(CpuinfoIntelWalk, OneProcessor) {
   EXPECT_EQ(c.cores, 1u);
   EXPECT_EQ(c.sockets, 1u);
   EXPECT_EQ(c.status, 4u);  // one core per socket, MaxLPPerCore 1
-  EXPECT_EQ(c.trace, "Begin CPU core counting\n"
-                     "MaxLPPerCore = 1\n"
-                     "MaxCorePerPhysicalProc = 1\n" +
-                         walk_lines(1, 1, 0, 0, 0, 0) +
-                         "Number of logical CPU's detected 1\n"
-                         "End CPU core counting. statusflag = 4\n");
+  EXPECT_EQ(c.trace,
+            "Begin CPU core counting\n"
+            "MaxLPPerCore = 1\n"
+            "MaxCorePerPhysicalProc = 1\n" +
+                walk_lines(1, 1, 0, 0, 0, 0) +
+                "Number of logical CPU's detected 1\n"
+                "End CPU core counting. statusflag = 4\n");
   // With HTT and two logical processors per package, one core: MaxLPPerCore 2.
   intel(cpu, 2, 1, true);
   const Counted smt = count(0);
@@ -307,14 +308,14 @@ TEST(CpuinfoIntelWalk, ZeroCoresPerPackageDividesNothingByZero) {
 // AMD: leaf 0x80000000's low 16 bits pick the source; one socket always.
 TEST(CpuinfoAmd, FromTheExtendedLeavesWithoutAWalk) {
   struct Case {
-    uint32_t highest;    // EAX of 0x80000000
+    uint32_t highest;  // EAX of 0x80000000
     bool htt;
-    uint32_t ecx_8;      // ECX of 0x80000008: logical - 1 in the low byte
-    uint32_t ebx_1e;     // EBX of 0x8000001E: threads per core - 1 in bits 8-9
+    uint32_t ecx_8;   // ECX of 0x80000008: logical - 1 in the low byte
+    uint32_t ebx_1e;  // EBX of 0x8000001E: threads per core - 1 in bits 8-9
     uint32_t logical, cores, status;
   };
   const Case cases[] = {
-      {0x8000001F, true, 0x600F, 0x0100, 16, 8, 6},  // two threads per core
+      {0x8000001F, true, 0x600F, 0x0100, 16, 8, 6},   // two threads per core
       {0x8000001F, true, 0x300F, 0x0000, 16, 16, 5},  // one thread per core
       {0x8000001E, false, 0x000F, 0x0300, 16, 4, 6},  // four, HTT not heeded
       {0x8000001B, true, 0x400B, 0x0000, 12, 6, 6},   // no 0x8000001E: HTT says 2

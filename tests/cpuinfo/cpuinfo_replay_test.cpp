@@ -46,8 +46,9 @@ std::string replay_block(const char* name) {
 }
 
 std::string four_lines(int procid, int logical, int cores, int sockets) {
-  return "VEGRA CPU id = " + std::to_string(procid) + "\nLogical CPUs = " +
-         std::to_string(logical) + "\nCPU Cores    = " + std::to_string(cores) +
+  return "VEGRA CPU id = " + std::to_string(procid) +
+         "\nLogical CPUs = " + std::to_string(logical) +
+         "\nCPU Cores    = " + std::to_string(cores) +
          "\nCPU sockets  = " + std::to_string(sockets) + "\n";
 }
 
@@ -147,7 +148,8 @@ TEST(CpuinfoReplay, EveryRecordedMachineGivesItsFourLines) {
     EXPECT_EQ(block.substr(block.size() - lines.size()), lines) << m.name << "\n" << block;
     EXPECT_NE(block.find("End CPU core counting. statusflag = " + std::to_string(m.status) + "\n"),
               std::string::npos)
-        << m.name << "\n" << block;
+        << m.name << "\n"
+        << block;
   }
 }
 
@@ -269,9 +271,9 @@ TEST(CpuinfoReplay, RestrictedProcessMask) {
   EXPECT_FALSE(replay_restrict_process(&machine, 0x10000, &error));
   ASSERT_TRUE(replay_restrict_process(&machine, 0x6, &error));
   const std::string block = replay_block(&machine);
-  EXPECT_EQ(block.rfind("Begin CPU core counting\nNot all cpus enabled\nVegra system information:\n",
-                        0),
-            0u)
+  EXPECT_EQ(
+      block.rfind("Begin CPU core counting\nNot all cpus enabled\nVegra system information:\n", 0),
+      0u)
       << block;
   EXPECT_EQ(block.substr(block.size() - four_lines(7, 1, 1, 1).size()), four_lines(7, 1, 1, 1));
   EXPECT_EQ(machine.thread_mask, 0x6u);  // nothing moved the thread
@@ -280,13 +282,13 @@ TEST(CpuinfoReplay, RestrictedProcessMask) {
 TEST(CpuinfoReplay, MachinesBeyond64ProcessorsReachTheFirst64) {
   ReplayMachine machine;
   std::string error;
-  ASSERT_TRUE(replay_load(machine_dir("Intel-KnightsLanding-XeonPhi-7210").c_str(), &machine,
-                          &error));
+  ASSERT_TRUE(
+      replay_load(machine_dir("Intel-KnightsLanding-XeonPhi-7210").c_str(), &machine, &error));
   EXPECT_EQ(machine.total_processors, 256u);
   EXPECT_EQ(machine.processors.size(), 64u);
   EXPECT_EQ(machine.system_mask, ~uint64_t{0});
-  ASSERT_TRUE(replay_load(machine_dir("AMD-K8-SledgeHammer-2xOpteron-250").c_str(), &machine,
-                          &error));
+  ASSERT_TRUE(
+      replay_load(machine_dir("AMD-K8-SledgeHammer-2xOpteron-250").c_str(), &machine, &error));
   EXPECT_EQ(machine.system_mask, 0x3u);
   EXPECT_FALSE(replay_load(machine_dir("no-such-machine").c_str(), &machine, &error));
   EXPECT_NE(error.find("no processor files"), std::string::npos);
@@ -295,15 +297,16 @@ TEST(CpuinfoReplay, MachinesBeyond64ProcessorsReachTheFirst64) {
 TEST(CpuinfoRecord, ParsesLinesCommentsAndBlanks) {
   CpuidRecord record;
   std::string error;
-  ASSERT_TRUE(cpuid_record_parse("# mask e[abcd]x => e[abcd]x\n"
-                                 "\n"
-                                 "1 0 0 0 0 => d 68747541 444d4163 69746e65   # leaf 0\r\n"
-                                 "\t5 4 0 2 0 => c004143 3c0003f fff 1\n"
-                                 "5 4 0 0 0 => 1 2 3 4\n"
-                                 "1 4 0 0 0 => 9 9 9 9\n"
-                                 "3 7 5 0 0 => 70 71 72 73\n"
-                                 "0000000001 FFFFFFFF 0 0 0 => A B C D",
-                                 &record, &error))
+  ASSERT_TRUE(
+      cpuid_record_parse("# mask e[abcd]x => e[abcd]x\n"
+                         "\n"
+                         "1 0 0 0 0 => d 68747541 444d4163 69746e65   # leaf 0\r\n"
+                         "\t5 4 0 2 0 => c004143 3c0003f fff 1\n"
+                         "5 4 0 0 0 => 1 2 3 4\n"
+                         "1 4 0 0 0 => 9 9 9 9\n"
+                         "3 7 5 0 0 => 70 71 72 73\n"
+                         "0000000001 FFFFFFFF 0 0 0 => A B C D",
+                         &record, &error))
       << error;
   ASSERT_EQ(record.entries.size(), 6u);
   uint32_t r[4];
@@ -339,16 +342,14 @@ TEST(CpuinfoRecord, ParsesLinesCommentsAndBlanks) {
 
 TEST(CpuinfoRecord, RefusesMalformedInput) {
   const char* bad[] = {
-      "1 0 0 0 => 1 2 3 4\n",              // four inputs
-      "1 0 0 0 0 => 1 2 3\n",              // three results
-      "1 0 0 0 0 = 1 2 3 4\n",             // no arrow
-      "1 0 0 0 0 1 2 3 4 5\n",             // no arrow, ten fields
-      "1 0 0 0 0 => 1 2 3 4 5\n",          // eleven fields
-      "1 0 0 0 0 => 1 2 3 100000000\n",    // beyond 32 bits
-      "1 0 0 0 0 => 1 2 3 0x4\n",          // not plain hexadecimal
-      "1 0 0 0 0 => 1 2 3 -4\n",
-      "1 0 0 0 0 =>\n",
-      "=> => => => => => => => => =>\n",
+      "1 0 0 0 => 1 2 3 4\n",            // four inputs
+      "1 0 0 0 0 => 1 2 3\n",            // three results
+      "1 0 0 0 0 = 1 2 3 4\n",           // no arrow
+      "1 0 0 0 0 1 2 3 4 5\n",           // no arrow, ten fields
+      "1 0 0 0 0 => 1 2 3 4 5\n",        // eleven fields
+      "1 0 0 0 0 => 1 2 3 100000000\n",  // beyond 32 bits
+      "1 0 0 0 0 => 1 2 3 0x4\n",        // not plain hexadecimal
+      "1 0 0 0 0 => 1 2 3 -4\n",        "1 0 0 0 0 =>\n", "=> => => => => => => => => =>\n",
       "1 0 0 0 0 => 1 2 3 4\n1 2\n",
   };
   for (const char* text : bad) {
@@ -386,9 +387,9 @@ TEST(CpuinfoRecord, DumpOfAReplayedMachineReplaysTheSame) {
     ReplayMachine original;
     std::string error;
     ASSERT_TRUE(replay_load(machine_dir(name).c_str(), &original, &error)) << error;
-    const std::string dir = (std::filesystem::temp_directory_path() /
-                             ("hostkit-dump-test-" + std::string(name)))
-                                .string();
+    const std::string dir =
+        (std::filesystem::temp_directory_path() / ("hostkit-dump-test-" + std::string(name)))
+            .string();
     std::error_code code;
     std::filesystem::remove_all(dir, code);
     replay_install(&original);
