@@ -31,6 +31,10 @@ for preset in "${presets[@]}"; do
     continue
   fi
   if [ "$preset" = windows ] && [ $wine_started -eq 0 ]; then
+    # The persistent server first, then the boot: the services the boot
+    # starts stay up under that server. Started by the first test program
+    # instead, they would hold its output pipe open and stall the test
+    # discovery. The server needs the prefix folder to exist.
     mkdir -p "$WINEPREFIX"
     wineserver -k 2> /dev/null || true
     wineserver -p

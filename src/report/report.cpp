@@ -7,12 +7,27 @@
 #include <cstdio>
 
 #include "cpub.h"
+#include "cpuinfo.h"
 
 namespace {
 constexpr unsigned kFlushToZeroAndDenormalsAreZero = 0x8040;
 }  // namespace
 
 void report_set_fp_mode() { _mm_setcsr(_mm_getcsr() | kFlushToZeroAndDenormalsAreZero); }
+
+// The processor block: the core counting trace through the message stream,
+// the classification trace and the four lines on standard output. Both reach
+// the same stdio stream, so they stand in the order they were written.
+void report_processor_block(SysEnv* env) {
+  uint32_t logical = 0, cores = 0, sockets = 0;
+  CpuSystemInfo info;
+  cpuinfo_count_cores(env, &logical, &cores, &sockets, 1);
+  cpuinfo_system_info(1, &info);
+  std::printf("VEGRA CPU id = %d\n", static_cast<int>(info.procid));
+  std::printf("Logical CPUs = %d\n", static_cast<int>(logical));
+  std::printf("CPU Cores    = %d\n", static_cast<int>(cores));
+  std::printf("CPU sockets  = %d\n", static_cast<int>(sockets));
+}
 
 extern "C" void report_print_text(void* /*handle*/, const char* text) { std::printf("%s", text); }
 
@@ -23,7 +38,7 @@ int report_run() {
     sysenv_set_log_level(env, 10);
     sysenv_set_stream(env, 0, nullptr, report_print_text);
 
-    // The processor block goes here.
+    report_processor_block(env);
 
     sysenv_printf(env, "HOSTkit information\n\n");
 
