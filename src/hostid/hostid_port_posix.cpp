@@ -247,7 +247,7 @@ uint32_t posix_adapters(uint32_t, uint32_t, void* buffer, uint32_t* size) {
     std::memcpy(bytes, i.name.c_str(), i.name.size() + 1);
     e.adapter.name = bytes;
     bytes += i.name.size() + 1;
-    std::memcpy(bytes, i.address.data(), i.address.size());
+    if (!i.address.empty()) std::memcpy(bytes, i.address.data(), i.address.size());
     e.adapter.address = reinterpret_cast<const uint8_t*>(bytes);
     e.adapter.address_length = static_cast<uint32_t>(i.address.size());
     bytes += i.address.size();

@@ -42,7 +42,9 @@ void* load_library(void* h, const char* name) {
   FakePort& f = fake(h);
   f.loads.emplace_back(name);
   if (f.libraries.find(name) == f.libraries.end()) return nullptr;
-  return new Library{name};
+  auto* library = new Library{name};
+  f.open_libraries.insert(library);
+  return library;
 }
 
 HostidProc get_function(void* h, void* library, const char* name) {
@@ -54,6 +56,7 @@ HostidProc get_function(void* h, void* library, const char* name) {
 
 void free_library(void* h, void* library) {
   ++fake(h).library_frees;
+  fake(h).open_libraries.erase(library);
   delete static_cast<Library*>(library);
 }
 
@@ -314,6 +317,8 @@ FakePort::FakePort() {
 }
 
 FakePort::~FakePort() {
+  // The libraries a process keeps to its end.
+  for (void* library : open_libraries) delete static_cast<Library*>(library);
   hostid_port_set(nullptr);
   hostid_process_reset();
   hostid_heap_fail_at(0);

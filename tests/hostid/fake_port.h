@@ -53,6 +53,7 @@ struct FakePort {
 
   // What the rules did.
   std::vector<std::string> loads;
+  std::set<void*> open_libraries;
   int library_frees = 0;
   std::vector<std::string> lookups;
   int error_mode_sets = 0;

@@ -12,7 +12,6 @@ namespace {
 
 using hostid_test::FakePort;
 
-constexpr uint32_t kNt = (19041u << 16) | 0x000Au;
 constexpr uint32_t kOlderFamily = 0x80000000u | (1998u << 16) | 0x0A04u;  // 4.10
 
 std::string host_line(HostIdContext* context) {
