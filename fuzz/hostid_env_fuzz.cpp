@@ -14,7 +14,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (lifetime < 1 || lifetime > 30) std::abort();
   // Independently: a text of one or two digits alone must give itself when
   // it lies in range.
-  if (!text.empty() && text.size() <= 2 && text.find_first_not_of("0123456789") == std::string::npos) {
+  if (!text.empty() && text.size() <= 2 &&
+      text.find_first_not_of("0123456789") == std::string::npos) {
     int value = std::atoi(text.c_str());
     if (value >= 1 && value <= 30 && lifetime != value) std::abort();
   }

@@ -11,8 +11,8 @@ namespace {
 
 using Address = std::array<uint8_t, 6>;
 
-constexpr uint32_t kIpHelperFamily = 0;       // unspecified
-constexpr uint32_t kIpHelperFlags = 0x2F;     // no unicast, anycast, multicast, DNS, friendly name
+constexpr uint32_t kIpHelperFamily = 0;    // unspecified
+constexpr uint32_t kIpHelperFlags = 0x2F;  // no unicast, anycast, multicast, DNS, friendly name
 constexpr uint32_t kTransportPreferredLength = 0x1000;
 constexpr uint32_t kRegistryRead = 0x20019;
 constexpr uint32_t kOlderFamily = 0x80000000u;
@@ -209,7 +209,8 @@ extern "C" void hostid_ip_helper_load(void) {
   if (g_state.ip_helper_loaded != 0) return;
   const HostidPort& p = port();
   char name[64];
-  std::snprintf(name, sizeof name, "%s_%d", "IPHelperMutex", static_cast<int>(p.process_id(p.handle)));
+  std::snprintf(name, sizeof name, "%s_%d", "IPHelperMutex",
+                static_cast<int>(p.process_id(p.handle)));
   int32_t exists = 0;
   void* mutex = p.mutex_create(p.handle, name, &exists);
   if (mutex == nullptr) return;
@@ -337,8 +338,7 @@ extern "C" int32_t hostid_read_adapter_addresses(HostIdContext* context) {
   const HostidPort& p = port();
   uint32_t slot = cache_slot();
   int64_t now = p.now(p.handle);
-  if (g_state.cache.counts[slot] != 0 &&
-      now - HOSTID_ADDRESS_CACHE_SECONDS < g_state.cache.time) {
+  if (g_state.cache.counts[slot] != 0 && now - HOSTID_ADDRESS_CACHE_SECONDS < g_state.cache.time) {
     build_chain(context, g_state.cache.lists[slot].data(),
                 static_cast<int32_t>(g_state.cache.counts[slot]));
     return 1;

@@ -201,8 +201,8 @@ extern "C" char* hostid_record_to_text(const HostIdRecord* record, char* out) {
     case HOSTID_TYPE_HOSTNAME:
       // The precision keeps a record whose text lost its NUL from being read
       // past its end; a well-formed record prints whole.
-      std::snprintf(out, 9 + HOSTID_NAME_TEXT_LIMIT + 1, "%s%.*s", "HOSTNAME=",
-                    HOSTID_NAME_TEXT_LIMIT, record->value.text);
+      std::snprintf(out, 9 + HOSTID_NAME_TEXT_LIMIT + 1, "%s%.*s",
+                    "HOSTNAME=", HOSTID_NAME_TEXT_LIMIT, record->value.text);
       break;
     case HOSTID_TYPE_NUMBER:
       std::snprintf(out, 9, "%" PRIx32, record->value.number);

@@ -11,17 +11,39 @@ namespace {
 
 // Every function the layer looks up. The library must export all of the
 // common ones and those of its own kind.
-constexpr std::array<const char*, 29> kCommonFunctions = {
-    "send",          "ioctlsocket", "WSAGetLastError", "recv",           "closesocket",
-    "getservbyname", "gethostbyname", "gethostname",   "WSAStartup",     "WSACleanup",
-    "htons",         "ntohl",       "connect",         "socket",         "select",
-    "ntohs",         "__WSAFDIsSet", "bind",           "getsockname",    "accept",
-    "listen",        "WSASetLastError", "setsockopt",  "sendto",         "recvfrom",
-    "htonl",         "shutdown",    "getsockopt",      "gethostbyaddr"};
+constexpr std::array<const char*, 29> kCommonFunctions = {"send",
+                                                          "ioctlsocket",
+                                                          "WSAGetLastError",
+                                                          "recv",
+                                                          "closesocket",
+                                                          "getservbyname",
+                                                          "gethostbyname",
+                                                          "gethostname",
+                                                          "WSAStartup",
+                                                          "WSACleanup",
+                                                          "htons",
+                                                          "ntohl",
+                                                          "connect",
+                                                          "socket",
+                                                          "select",
+                                                          "ntohs",
+                                                          "__WSAFDIsSet",
+                                                          "bind",
+                                                          "getsockname",
+                                                          "accept",
+                                                          "listen",
+                                                          "WSASetLastError",
+                                                          "setsockopt",
+                                                          "sendto",
+                                                          "recvfrom",
+                                                          "htonl",
+                                                          "shutdown",
+                                                          "getsockopt",
+                                                          "gethostbyaddr"};
 constexpr std::array<const char*, 2> kWinsock1Functions = {"EnumProtocolsA", "GetAddressByNameA"};
 constexpr std::array<const char*, 7> kWinsock2Functions = {
-    "WSACreateEvent",         "WSAEventSelect",        "WSAWaitForMultipleEvents",
-    "WSAEnumNetworkEvents",   "WSALookupServiceBeginA", "WSALookupServiceNextA",
+    "WSACreateEvent",       "WSAEventSelect",         "WSAWaitForMultipleEvents",
+    "WSAEnumNetworkEvents", "WSALookupServiceBeginA", "WSALookupServiceNextA",
     "WSALookupServiceEnd"};
 constexpr size_t kTableSize =
     kCommonFunctions.size() + kWinsock1Functions.size() + kWinsock2Functions.size();
@@ -46,7 +68,9 @@ NetLayer g_net{};
 
 const HostidPort& port() { return *hostid_port(); }
 
-bool library_valid(void* library) { return reinterpret_cast<uintptr_t>(library) >= kFirstValidModule; }
+bool library_valid(void* library) {
+  return reinterpret_cast<uintptr_t>(library) >= kFirstValidModule;
+}
 
 HostidProc function(std::string_view name) {
   for (size_t i = 0; i < kCommonFunctions.size(); ++i) {

@@ -339,7 +339,7 @@ int32_t posix_reg_query_value(void*, void* key, const char* name, uint8_t* data,
   }
   if (std::strcmp(name, "Characteristics") == 0) {
     if (*size < 4) return HOSTID_STATUS_MORE_DATA;
-    struct stat st{};
+    struct stat st {};
     std::string device = "/sys/class/net/" + interface + "/device";
     uint32_t value = stat(device.c_str(), &st) == 0 ? 0x4u : 0x1u;
     std::memcpy(data, &value, 4);

@@ -1,8 +1,11 @@
 // Host identification over Win32: the interfaces the system names, with the
 // network libraries loaded at run time so that the program imports none of
 // them.
+// winsock2.h must come before windows.h, and both before the others.
 #include <winsock2.h>
+
 #include <windows.h>
+
 #include <iphlpapi.h>
 #include <lm.h>
 #include <nb30.h>
@@ -64,14 +67,14 @@ int32_t win_ansi_to_wide(void*, const char* text, uint16_t* out, int32_t out_cou
 }
 
 int32_t win_wide_to_utf8(void*, const uint16_t* text, char* out, int32_t out_size) {
-  return WideCharToMultiByte(CP_UTF8, 0, reinterpret_cast<const wchar_t*>(text), -1, out,
-                             out_size, nullptr, nullptr);
+  return WideCharToMultiByte(CP_UTF8, 0, reinterpret_cast<const wchar_t*>(text), -1, out, out_size,
+                             nullptr, nullptr);
 }
 
 using AdaptersFn = ULONG(WINAPI*)(ULONG, ULONG, PVOID, PIP_ADAPTER_ADDRESSES, PULONG);
 
-uint32_t win_get_adapters(void*, HostidProc function, uint32_t family, uint32_t flags,
-                          void* buffer, uint32_t* size) {
+uint32_t win_get_adapters(void*, HostidProc function, uint32_t family, uint32_t flags, void* buffer,
+                          uint32_t* size) {
   ULONG length = *size;
   ULONG result = reinterpret_cast<AdaptersFn>(function)(
       family, flags, nullptr, static_cast<PIP_ADAPTER_ADDRESSES>(buffer), &length);

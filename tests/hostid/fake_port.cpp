@@ -278,23 +278,49 @@ void reg_close(void* h, void* key) {
 }  // namespace
 
 std::set<std::string> winsock2_functions() {
-  return {"send",          "ioctlsocket",   "WSAGetLastError", "recv",
-          "closesocket",   "getservbyname", "gethostbyname",   "gethostname",
-          "WSAStartup",    "WSACleanup",    "htons",           "ntohl",
-          "connect",       "socket",        "select",          "ntohs",
-          "__WSAFDIsSet",  "bind",          "getsockname",     "accept",
-          "listen",        "WSASetLastError", "setsockopt",    "sendto",
-          "recvfrom",      "htonl",         "shutdown",        "getsockopt",
-          "gethostbyaddr", "WSACreateEvent", "WSAEventSelect", "WSAWaitForMultipleEvents",
-          "WSAEnumNetworkEvents", "WSALookupServiceBeginA", "WSALookupServiceNextA",
+  return {"send",
+          "ioctlsocket",
+          "WSAGetLastError",
+          "recv",
+          "closesocket",
+          "getservbyname",
+          "gethostbyname",
+          "gethostname",
+          "WSAStartup",
+          "WSACleanup",
+          "htons",
+          "ntohl",
+          "connect",
+          "socket",
+          "select",
+          "ntohs",
+          "__WSAFDIsSet",
+          "bind",
+          "getsockname",
+          "accept",
+          "listen",
+          "WSASetLastError",
+          "setsockopt",
+          "sendto",
+          "recvfrom",
+          "htonl",
+          "shutdown",
+          "getsockopt",
+          "gethostbyaddr",
+          "WSACreateEvent",
+          "WSAEventSelect",
+          "WSAWaitForMultipleEvents",
+          "WSAEnumNetworkEvents",
+          "WSALookupServiceBeginA",
+          "WSALookupServiceNextA",
           "WSALookupServiceEnd"};
 }
 
 std::set<std::string> winsock1_functions() {
   std::set<std::string> names = winsock2_functions();
-  for (const char* only2 : {"WSACreateEvent", "WSAEventSelect", "WSAWaitForMultipleEvents",
-                            "WSAEnumNetworkEvents", "WSALookupServiceBeginA",
-                            "WSALookupServiceNextA", "WSALookupServiceEnd"}) {
+  for (const char* only2 :
+       {"WSACreateEvent", "WSAEventSelect", "WSAWaitForMultipleEvents", "WSAEnumNetworkEvents",
+        "WSALookupServiceBeginA", "WSALookupServiceNextA", "WSALookupServiceEnd"}) {
     names.erase(only2);
   }
   names.insert("EnumProtocolsA");
@@ -303,14 +329,36 @@ std::set<std::string> winsock1_functions() {
 }
 
 FakePort::FakePort() {
-  port = HostidPort{this,          now,           get_env,         get_version,
-                    process_id,    set_error_mode, load_library,   get_function,
-                    free_library,  mutex_create,  mutex_wait,      mutex_release,
-                    mutex_close,   wsa_startup,   gethostname,     ansi_to_wide,
-                    wide_to_utf8,  get_adapters,  adapter_first,   adapter_next,
-                    adapter_read,  transport_enum, transport_address, transport_free,
-                    netbios,       reg_open,      reg_query_info,  reg_enum_key,
-                    reg_query_value, reg_close};
+  port = HostidPort{this,
+                    now,
+                    get_env,
+                    get_version,
+                    process_id,
+                    set_error_mode,
+                    load_library,
+                    get_function,
+                    free_library,
+                    mutex_create,
+                    mutex_wait,
+                    mutex_release,
+                    mutex_close,
+                    wsa_startup,
+                    gethostname,
+                    ansi_to_wide,
+                    wide_to_utf8,
+                    get_adapters,
+                    adapter_first,
+                    adapter_next,
+                    adapter_read,
+                    transport_enum,
+                    transport_address,
+                    transport_free,
+                    netbios,
+                    reg_open,
+                    reg_query_info,
+                    reg_enum_key,
+                    reg_query_value,
+                    reg_close};
   hostid_process_reset();
   hostid_heap_fail_at(0);
   hostid_port_set(&port);

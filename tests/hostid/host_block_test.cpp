@@ -25,8 +25,7 @@ std::string host_block_of_a_run() {
     if (c != '\r') lf += c;
   }
   size_t heading = lf.rfind("HOSTkit information\n\n");
-  return heading == std::string::npos ? "(no heading)\n" + lf
-                                      : lf.substr(heading + 21);
+  return heading == std::string::npos ? "(no heading)\n" + lf : lf.substr(heading + 21);
 }
 
 // "%-*s : %s" with the width 30.
@@ -40,8 +39,8 @@ TEST(HostBlock, AllZeroAndAllOnesAddressesStandOnTheIpHelperRoute) {
   machine.host_name = "alpha";
   machine.add_adapter("{0}", {0, 0, 0, 0, 0, 0});
   machine.add_adapter("{1}", {0xff, 0xff, 0xff, 0xff, 0xff, 0xff});
-  EXPECT_EQ(host_block_of_a_run(), line("Hostname", "HOSTNAME=alpha") +
-                                       line("Hostid", "\"000000000000 ffffffffffff\""));
+  EXPECT_EQ(host_block_of_a_run(),
+            line("Hostname", "HOSTNAME=alpha") + line("Hostid", "\"000000000000 ffffffffffff\""));
 }
 
 TEST(HostBlock, OnTheTransportRouteTheAllOnesAddressAloneStays) {
@@ -56,7 +55,8 @@ TEST(HostBlock, OnTheTransportRouteTheAllOnesAddressAloneStays) {
 TEST(HostBlock, NoNameNoAdaptersAndNoContext) {
   {
     FakePort machine;  // no libraries at all: no name, no adapter list
-    EXPECT_EQ(host_block_of_a_run(), line("Hostname", "HOSTNAME=") + line("Hostid", "000000000000"));
+    EXPECT_EQ(host_block_of_a_run(),
+              line("Hostname", "HOSTNAME=") + line("Hostid", "000000000000"));
   }
   {
     FakePort machine;

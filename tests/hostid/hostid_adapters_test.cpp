@@ -45,24 +45,39 @@ TEST(HostidAddressCache, OneEnumerationIn120SecondsAndTheEmptyListAlwaysRefreshe
   machine.install_all_libraries();
   machine.add_adapter("{A}", {0x02, 0, 0, 0, 0, 0x01});
   int64_t t0 = machine.clock;
-  { Read r; EXPECT_EQ(r.text(), "020000000001"); }
+  {
+    Read r;
+    EXPECT_EQ(r.text(), "020000000001");
+  }
   EXPECT_EQ(machine.adapter_calls, 2);  // the size, then the fill
   machine.adapters[0].address = {0x02, 0, 0, 0, 0, 0x02};
   machine.clock = t0 + 119;
-  { Read r; EXPECT_EQ(r.text(), "020000000001"); }
+  {
+    Read r;
+    EXPECT_EQ(r.text(), "020000000001");
+  }
   EXPECT_EQ(machine.adapter_calls, 2);
   machine.clock = t0 + 120;  // exactly 120 seconds old: read again
-  { Read r; EXPECT_EQ(r.text(), "020000000002"); }
+  {
+    Read r;
+    EXPECT_EQ(r.text(), "020000000002");
+  }
   EXPECT_EQ(machine.adapter_calls, 4);
 
   // A clock set back keeps the list in force.
   machine.clock = t0;
-  { Read r; EXPECT_EQ(r.text(), "020000000002"); }
+  {
+    Read r;
+    EXPECT_EQ(r.text(), "020000000002");
+  }
   EXPECT_EQ(machine.adapter_calls, 4);
 
   machine.adapters.clear();
   machine.clock = t0 + 1000;
-  { Read r; EXPECT_EQ(r.result, 1); }  // the IP helper route kept its last list
+  {
+    Read r;
+    EXPECT_EQ(r.result, 1);
+  }  // the IP helper route kept its last list
   FakePort empty;
   empty.install_all_libraries();
   for (int i = 0; i < 3; ++i) {
@@ -82,7 +97,10 @@ TEST(HostidAddressCache, OneStampServesBothLists) {
   EXPECT_EQ(machine.adapter_calls, 2);
   machine.clock = t0 + 100;
   hostid_set_physical_only(1);
-  { Read r; EXPECT_EQ(r.text(), "020000000001"); }  // its list is empty: refresh
+  {
+    Read r;
+    EXPECT_EQ(r.text(), "020000000001");
+  }  // its list is empty: refresh
   EXPECT_EQ(machine.adapter_calls, 4);
   // The stamp moved to t0 + 100, which prolongs the list of all adapters.
   hostid_set_physical_only(0);
@@ -151,10 +169,10 @@ TEST(HostidIpHelper, FiltersAndOrder) {
   machine.add_adapter("{5}", {0x0a, 0, 0, 0, 0, 0x05}, u"MS TCP Loopback interface");
   machine.add_adapter("{6}", {0x0a, 0, 0, 0, 0, 0x06}, u"Teredo Tunneling Pseudo-Interface");
   machine.add_adapter("{7}", {0x0a, 0, 0, 0, 0, 0x07}, u"Loopback Pseudo-Interface");
-  machine.add_adapter("{8}", {0x0a, 0, 0, 0, 0, 0x08}, u"ms loopback driver");      // case differs
+  machine.add_adapter("{8}", {0x0a, 0, 0, 0, 0, 0x08}, u"ms loopback driver");  // case differs
   machine.add_adapter("{9}", {0x0a, 0, 0, 0, 0, 0x09}, u"Loopback Pseudo-Interface 1");  // longer
-  machine.add_adapter("{a}", {0, 0, 0, 0, 0, 0}, u"Zero");            // no test of the value
-  machine.add_adapter("{b}", {0x0a, 0, 0, 0, 0, 0x01}, u"Again");    // a double stays
+  machine.add_adapter("{a}", {0, 0, 0, 0, 0, 0}, u"Zero");         // no test of the value
+  machine.add_adapter("{b}", {0x0a, 0, 0, 0, 0, 0x01}, u"Again");  // a double stays
   machine.add_adapter("{c}", {0xff, 0xff, 0xff, 0xff, 0xff, 0xff}, u"Ones");
   machine.add_adapter("{d}", {0x0a, 0, 0, 0x00, 0x00, 0x00}, u"Last three zero");
   machine.add_adapter("{e}", {}, u"No address");
@@ -173,7 +191,8 @@ TEST(HostidIpHelper, FiltersAndOrder) {
 TEST(HostidIpHelper, FirstTenInOrderAndTheCacheListOfFive) {
   FakePort machine;
   machine.install_all_libraries();
-  for (uint8_t i = 1; i <= 12; ++i) machine.add_adapter("{" + std::to_string(i) + "}", {2, 0, 0, 0, 0, i});
+  for (uint8_t i = 1; i <= 12; ++i)
+    machine.add_adapter("{" + std::to_string(i) + "}", {2, 0, 0, 0, 0, i});
   std::string first_ten = "\"";
   for (int i = 1; i <= 10; ++i) {
     char group[16];
@@ -181,18 +200,30 @@ TEST(HostidIpHelper, FirstTenInOrderAndTheCacheListOfFive) {
     first_ten += group;
     first_ten += i < 10 ? " " : "\"";
   }
-  { Read r; EXPECT_EQ(r.text(), first_ten); }
+  {
+    Read r;
+    EXPECT_EQ(r.text(), first_ten);
+  }
   // Ten don't fit into a cache list of five: the next call reads again and
   // gives the same ten, never a shortened list.
-  { Read r; EXPECT_EQ(r.text(), first_ten); }
+  {
+    Read r;
+    EXPECT_EQ(r.text(), first_ten);
+  }
   EXPECT_EQ(machine.adapter_calls, 4);
 
   // Five fit, and are delivered from the cache.
   machine.adapters.resize(5);
   machine.clock += 1;
-  { Read r; EXPECT_EQ(r.text(), "\"020000000001 020000000002 020000000003 020000000004 020000000005\""); }
+  {
+    Read r;
+    EXPECT_EQ(r.text(), "\"020000000001 020000000002 020000000003 020000000004 020000000005\"");
+  }
   machine.adapters.resize(1);
-  { Read r; EXPECT_EQ(r.text(), "\"020000000001 020000000002 020000000003 020000000004 020000000005\""); }
+  {
+    Read r;
+    EXPECT_EQ(r.text(), "\"020000000001 020000000002 020000000003 020000000004 020000000005\"");
+  }
   EXPECT_EQ(machine.adapter_calls, 6);
 }
 
@@ -200,20 +231,32 @@ TEST(HostidIpHelper, FailuresKeepTheLastList) {
   FakePort machine;
   machine.install_all_libraries();
   machine.adapters_result = 8;  // not enough memory, before any list
-  { Read r; EXPECT_EQ(r.result, 0); }
+  {
+    Read r;
+    EXPECT_EQ(r.result, 0);
+  }
   machine.adapters_result = 0;
   machine.add_adapter("{A}", {0x02, 0, 0, 0, 0, 0x01});
   machine.clock += 1;
-  { Read r; EXPECT_EQ(r.text(), "020000000001"); }
+  {
+    Read r;
+    EXPECT_EQ(r.text(), "020000000001");
+  }
   machine.adapters[0].address = {0x02, 0, 0, 0, 0, 0x02};
   machine.adapters_result = 31;
   machine.clock += 120;
-  { Read r; EXPECT_EQ(r.text(), "020000000001"); }  // the earlier result stands
+  {
+    Read r;
+    EXPECT_EQ(r.text(), "020000000001");
+  }  // the earlier result stands
   // The buffer can't be had: the same.
   machine.adapters_result = 0;
   machine.clock += 120;
   hostid_heap_fail_at(2);  // the head record is the first, the buffer the second
-  { Read r; EXPECT_EQ(r.text(), "020000000001"); }
+  {
+    Read r;
+    EXPECT_EQ(r.text(), "020000000001");
+  }
   hostid_heap_fail_at(0);
 }
 
@@ -245,7 +288,10 @@ TEST(HostidIpHelper, LoadedOnceUnderTheMutexOrNotAtAll) {
     machine.install_all_libraries();
     machine.libraries["iphlpapi.dll"].clear();
     machine.transports = {transport("020000000002")};
-    { Read r; EXPECT_EQ(r.text(), "020000000002"); }
+    {
+      Read r;
+      EXPECT_EQ(r.text(), "020000000002");
+    }
     machine.clock += 120;
     { Read r; }
     EXPECT_EQ(std::count(machine.loads.begin(), machine.loads.end(), "iphlpapi.dll"), 1);
@@ -262,7 +308,7 @@ TEST(HostidTransport, ParserAndFilters) {
   // less 0x37, so lower case gives other values than upper.
   const uint16_t wide[] = {0x130, 0x141, 'F', 'F', 'a', 'b', '0', '0', '0', '0', '0', '1', 0};
   EXPECT_EQ(hostid_transport_address_parse(wide, a), 1);
-  EXPECT_EQ(a[0], 0x0a);                                    // '0', 'A'
+  EXPECT_EQ(a[0], 0x0a);  // '0', 'A'
   EXPECT_EQ(a[1], 0xff);
   EXPECT_EQ(a[2], static_cast<uint8_t>((0x61 - 0x37) * 16 + (0x62 - 0x37)));
   const uint16_t short_text[] = {'0', 'A', '1', 'B', 0};
@@ -280,7 +326,7 @@ TEST(HostidTransport, ParserAndFilters) {
       transport("204C4F4F5020"),  // " LOOP "
       transport("0A1B2C3D4E5F"),  // a double: the first stays
       transport("FFFFFFFFFFFF"),
-      transport("0A1B"),          // too short to name an adapter
+      transport("0A1B"),  // too short to name an adapter
       transport("0A1B2C3D4E60"),
   };
   Read r;
@@ -307,7 +353,7 @@ TEST(HostidTransport, FailuresGiveTheZeroHeadAndNoCache) {
     int loads = static_cast<int>(machine.loads.size());
     { Read r; }
     EXPECT_GT(static_cast<int>(machine.loads.size()), loads) << variant;  // nothing was cached
-    EXPECT_EQ(machine.library_frees, variant == 0 ? 0 : 2) << variant;  // one per load
+    EXPECT_EQ(machine.library_frees, variant == 0 ? 0 : 2) << variant;    // one per load
   }
 }
 
@@ -359,13 +405,13 @@ TEST(HostidPhysical, TheRegistryDecides) {
       {"0001", true, "{B}", true, 0x8000},
       {"0002", true, "{C}", true, 0x84},
       {"0003", true, "{D}", true, 0x1},
-      {"0004", false, "", true, 0x4},          // no instance id
-      {"0005", true, "{E}", false, 0},         // no characteristics: next subkey
+      {"0004", false, "", true, 0x4},   // no instance id
+      {"0005", true, "{E}", false, 0},  // no characteristics: next subkey
       {"0006", true, "{E}", true, 0x4},
-      {"0007", true, "{F}", true, 0x4, false}, // can't be opened
+      {"0007", true, "{F}", true, 0x4, false},  // can't be opened
       {"0008", true, "{F}", true, 0x0},
       {"0009", true, "{G}", true, 0x0},
-      {"0010", true, "{G}", true, 0x4},        // the first readable match decided
+      {"0010", true, "{G}", true, 0x4},  // the first readable match decided
       {"0011", true, "{a}", true, 0x4},
   };
   EXPECT_EQ(hostid_adapter_is_physical("{A}"), 1);
@@ -390,16 +436,23 @@ TEST(HostidPhysical, PhysicalOnlyKeepsRegistryPhysicalAndTheMultiplexor) {
   machine.add_adapter("{A}", {2, 0, 0, 0, 0, 1});
   machine.add_adapter("{B}", {2, 0, 0, 0, 0, 2});
   machine.add_adapter("{C}", {2, 0, 0, 0, 0, 3});
-  machine.add_adapter("{M}", {2, 0, 0, 0, 0, 4}, u"Microsoft Network Adapter Multiplexor Driver #2");
+  machine.add_adapter("{M}", {2, 0, 0, 0, 0, 4},
+                      u"Microsoft Network Adapter Multiplexor Driver #2");
   machine.add_adapter("{D}", {2, 0, 0, 0, 0, 5}, u"Microsoft Loopback Adapter");
   machine.class_entries = {{"0000", true, "{A}", true, 0x8001},
                            {"0001", true, "{B}", true, 0x8000},
                            {"0002", true, "{C}", true, 0x84},
                            {"0003", true, "{D}", true, 0x4}};
   hostid_set_physical_only(1);
-  { Read r; EXPECT_EQ(r.text(), "\"020000000001 020000000003 020000000004\""); }
+  {
+    Read r;
+    EXPECT_EQ(r.text(), "\"020000000001 020000000003 020000000004\"");
+  }
   hostid_set_physical_only(0);
-  { Read r; EXPECT_EQ(r.text(), "\"020000000001 020000000002 020000000003 020000000004\""); }
+  {
+    Read r;
+    EXPECT_EQ(r.text(), "\"020000000001 020000000002 020000000003 020000000004\"");
+  }
 }
 
 TEST(HostidNetbios, TheOlderFamilyWalksTheLanAdapters) {
@@ -408,13 +461,21 @@ TEST(HostidNetbios, TheOlderFamilyWalksTheLanAdapters) {
   machine.version = version_of(4, 10, 2222, true);
   machine.lanas = {3, 0, 7, 5};
   Bytes status3(600, 0), status0(600, 0), status7(600, 0);
-  status3[0] = 0x0a; status3[5] = 0x03;
-  status0 = status3;                      // the same address twice: once
-  status7[0] = 0x0a; status7[5] = 0x07;
+  status3[0] = 0x0a;
+  status3[5] = 0x03;
+  status0 = status3;  // the same address twice: once
+  status7[0] = 0x0a;
+  status7[5] = 0x07;
   machine.lana_status = {{3, status3}, {0, status0}, {7, status7}};  // 5 fails: the walk ends
-  { Read r; EXPECT_EQ(r.text(), "\"0a0000000003 0a0000000007\""); }
+  {
+    Read r;
+    EXPECT_EQ(r.text(), "\"0a0000000003 0a0000000007\"");
+  }
   EXPECT_EQ(machine.netbios_status_calls, 4);
-  { Read r; EXPECT_EQ(r.text(), "\"0a0000000003 0a0000000007\""); }  // from the cache
+  {
+    Read r;
+    EXPECT_EQ(r.text(), "\"0a0000000003 0a0000000007\"");
+  }  // from the cache
   EXPECT_EQ(machine.netbios_status_calls, 4);
   EXPECT_EQ(machine.adapter_calls, 0);
 }
@@ -427,9 +488,15 @@ TEST(HostidNetbios, NoNetbiosIsReadOnceAndOnlyOnTheOlderFamily) {
     machine.environment["HID_NO_NETBIOS"] = "";
     machine.lanas = {0};
     machine.lana_status = {{0, Bytes{0x0a, 0, 0, 0, 0, 1}}};
-    { Read r; EXPECT_EQ(r.result, 0); }
+    {
+      Read r;
+      EXPECT_EQ(r.result, 0);
+    }
     machine.environment.erase("HID_NO_NETBIOS");
-    { Read r; EXPECT_EQ(r.result, 0); }
+    {
+      Read r;
+      EXPECT_EQ(r.result, 0);
+    }
     EXPECT_EQ(machine.netbios_status_calls, 0);
   }
   {

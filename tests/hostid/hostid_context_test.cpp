@@ -116,11 +116,24 @@ TEST(HostidContext, CopyBounded) {
 TEST(HostidLifetime, TheVariableIsReadAsASignedDecimalNumber) {
   // Each case: a value of HID_DEBUG_HOSTID and the lifetime it must give. In
   // range 1..30 the number itself; everything else the default of 30.
-  const std::pair<const char*, int32_t> cases[] = {
-      {nullptr, 30}, {"", 30},      {"0", 30},     {"31", 30},   {"-5", 30},
-      {"abc", 30},   {"1", 1},      {"30", 30},    {"12ab", 12}, {"  \t7", 7},
-      {"+9", 9},     {"-0", 30},    {"007", 7},    {"2 3", 2},   {"99999999999999999999", 30},
-      {"-99999999999999999999", 30}, {" x5", 30},  {"\n\v\f\r15", 15}};
+  const std::pair<const char*, int32_t> cases[] = {{nullptr, 30},
+                                                   {"", 30},
+                                                   {"0", 30},
+                                                   {"31", 30},
+                                                   {"-5", 30},
+                                                   {"abc", 30},
+                                                   {"1", 1},
+                                                   {"30", 30},
+                                                   {"12ab", 12},
+                                                   {"  \t7", 7},
+                                                   {"+9", 9},
+                                                   {"-0", 30},
+                                                   {"007", 7},
+                                                   {"2 3", 2},
+                                                   {"99999999999999999999", 30},
+                                                   {"-99999999999999999999", 30},
+                                                   {" x5", 30},
+                                                   {"\n\v\f\r15", 15}};
   for (const auto& [text, lifetime] : cases) {
     EXPECT_EQ(hostid_lifetime_from_text(text), lifetime) << (text ? text : "(unset)");
   }

@@ -81,13 +81,13 @@ TEST(HostidNetLayer, WithoutLibrariesTheLoadIsTriedAgainAtEachRead) {
   FakePort machine;
   Context c;
   EXPECT_EQ(host_line(c.handle), "HOSTNAME=");
-  EXPECT_STREQ(hostname_get(c.handle), "");      // empty names aren't saved: read again
-  EXPECT_EQ(machine.loads, (std::vector<std::string>{"WS2_32.Dll", "WSOCK32.Dll", "WS2_32.Dll",
-                                                     "WSOCK32.Dll"}));
-  EXPECT_EQ(machine.error_mode_sets, 4);          // the mode put back each time
+  EXPECT_STREQ(hostname_get(c.handle), "");  // empty names aren't saved: read again
+  EXPECT_EQ(machine.loads,
+            (std::vector<std::string>{"WS2_32.Dll", "WSOCK32.Dll", "WS2_32.Dll", "WSOCK32.Dll"}));
+  EXPECT_EQ(machine.error_mode_sets, 4);  // the mode put back each time
   EXPECT_EQ(machine.error_mode, 0u);
   machine.install_all_libraries();
-  EXPECT_EQ(host_line(c.handle), "HOSTNAME=");   // a host name record never expires
+  EXPECT_EQ(host_line(c.handle), "HOSTNAME=");    // a host name record never expires
   EXPECT_STREQ(hostname_get(c.handle), "alpha");  // but the next read finds the library
   Context d;
   EXPECT_EQ(host_line(d.handle), "HOSTNAME=alpha");

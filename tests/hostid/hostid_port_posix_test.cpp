@@ -18,7 +18,7 @@ TEST(PosixPort, PhysicalMeansADeviceBehindTheInterface) {
   int seen = 0;
   for (const auto& entry : std::filesystem::directory_iterator("/sys/class/net")) {
     std::string name = entry.path().filename().string();
-    struct stat st{};
+    struct stat st {};
     bool device = stat((entry.path() / "device").c_str(), &st) == 0;
     EXPECT_EQ(hostid_adapter_is_physical(name.c_str()), device ? 1 : 0) << name;
     ++seen;

@@ -64,7 +64,7 @@ struct Library {
 TEST(RealPort, ClockVersionAndEnvironment) {
   const HostidPort& p = real();
   int64_t now = p.now(p.handle);
-  EXPECT_GT(now, 1'600'000'000);  // after 2020
+  EXPECT_GT(now, 1'600'000'000);                // after 2020
   EXPECT_LT(p.version(p.handle), 0x80000000u);  // the NT line on both platforms
   EXPECT_GT(p.process_id(p.handle), 0);
   EXPECT_EQ(p.get_env(p.handle, "HOSTKIT_SURELY_UNSET_VARIABLE"), nullptr);

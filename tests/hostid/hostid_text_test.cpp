@@ -70,8 +70,8 @@ TEST(HostidText, ChainForms) {
   EXPECT_EQ(std::string(hostid_chain_to_text(nullptr, nullptr)), "");
   // One record: bare. Two: one pair of quotes, one blank between, 27 chars.
   EXPECT_EQ(text_of({ether({0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f})}), "0a1b2c3d4e5f");
-  std::string two = text_of({ether({0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f}),
-                             ether({0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x60})});
+  std::string two = text_of(
+      {ether({0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f}), ether({0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x60})});
   EXPECT_EQ(two, "\"0a1b2c3d4e5f 0a1b2c3d4e60\"");
   EXPECT_EQ(two.size(), 27u);
   EXPECT_EQ(text_of({ether({1, 2, 3, 4, 5, 6}), ether({1, 2, 3, 4, 5, 6}),
