@@ -21,7 +21,7 @@ int hostid_heap_fail_at(int n);
 // Blocks allocated and not yet freed.
 int64_t hostid_heap_live();
 
-// Parts of the process reset, one per file.
+// The process reset of each source file.
 void hostid_context_process_reset();
 void hostid_net_process_reset();
 void hostid_adapters_process_reset();

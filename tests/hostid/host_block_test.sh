@@ -29,27 +29,53 @@ skip() { echo "SKIP: $*"; exit 77; }
 
 # ---------------------------------------------------------------- one case
 # Runs in the namespace: sets it up, runs the tool, compares.
-# Arguments: case name, host name, then "NAME=MAC" for each interface; a
-# MAC of "pair:MAC2" keeps the veth peer in the namespace with MAC2 (else
-# the peer goes to a sink namespace and only NAME is seen here). Extra
-# environment for the tool comes in HOSTKIT_CASE_ENV.
+# Arguments: case name, host name, then one item for each interface:
+#   NAME=MAC          a veth whose peer goes to a sink namespace
+#   NAME=MAC,MAC2     a veth pair, both here, the peer with MAC2
+#   NAME=tun          a tun device, without a hardware address
+#   NAME=tap/MAC      a tap device; NAME=bridge/MAC a bridge
+#   -=up              everything made so far goes up
+# Extra environment for the tool comes in HOSTKIT_CASE_ENV.
 run_case() {
   local name=$1 host=$2
   shift 2
   hostname "$host" || { echo "FAIL [$name]: can't set the host name"; return 1; }
   unshare -n sleep 600 &
   local sink=$!
-  local i=0 spec ifname mac peer_mac
-  sleep 0.1
-  for spec in "$@"; do
-    ifname=${spec%%=*}
-    mac=${spec#*=}
+  local i=0 item ifname mac peer_mac tries=0
+  # The sink must have its own namespace before a peer is moved there.
+  while [ "$(readlink /proc/$sink/ns/net 2> /dev/null)" = "$(readlink /proc/self/ns/net)" ] ||
+        [ -z "$(readlink /proc/$sink/ns/net 2> /dev/null)" ]; do
+    tries=$((tries + 1))
+    [ $tries -lt 100 ] || { echo "FAIL [$name]: no sink namespace"; return 1; }
+    sleep 0.05
+  done
+  for item in "$@"; do
+    ifname=${item%%=*}
+    mac=${item#*=}
     peer_mac=""
-    if [[ $mac == *,* ]]; then
-      peer_mac=${mac#*,}
-      mac=${mac%%,*}
-    fi
     i=$((i + 1))
+    case $mac in
+      up)  # every interface made so far goes up
+        for ifname in $(ip -o link show | sed -n 's/^[0-9]*: \([^:@]*\).*/\1/p'); do
+          ip link set "$ifname" up || { kill "$sink"; echo "FAIL [$name]: up $ifname"; return 1; }
+        done
+        continue ;;
+      tun)  # a point-to-point device without a hardware address
+        ip tuntap add dev "$ifname" mode tun ||
+          { kill "$sink"; echo "SKIP [$name]: tun devices can't be made here"; return 0; }
+        continue ;;
+      tap/* | bridge/*)
+        if [[ $mac == tap/* ]]; then
+          ip tuntap add dev "$ifname" mode tap && ip link set "$ifname" address "${mac#*/}"
+        else
+          ip link add "$ifname" address "${mac#*/}" type bridge
+        fi || { kill "$sink"; echo "FAIL [$name]: $item"; return 1; }
+        continue ;;
+      *,*)
+        peer_mac=${mac#*,}
+        mac=${mac%%,*} ;;
+    esac
     if [ -n "$peer_mac" ]; then
       ip link add "$ifname" address "$mac" type veth peer name "hkp$i" address "$peer_mac" ||
         { kill "$sink"; echo "FAIL [$name]: veth $ifname"; return 1; }
@@ -167,6 +193,8 @@ case_ none lonely --
 case_ no-network quiet HID_NO_NETWORK=1 -- n0=02:de:ad:be:ef:01
 case_ no-network-empty quiet2 HID_NO_NETWORK= -- n0=02:de:ad:be:ef:01 n1=02:de:ad:be:ef:02
 case_ long-name "$(printf 'h%.0s' $(seq 1 64))" -- l0=02:00:00:00:00:64
+case_ kinds mixed -- t0=tun p0=tap/02:00:00:00:07:01 b0=bridge/02:00:00:00:07:02 \
+  v0=02:00:00:00:07:03,02:00:00:00:07:04 -=up t1=tun v1=02:00:00:00:07:05
 case_ no-netbios-no-matter nb HID_NO_NETBIOS=1 HID_DEBUG_HOSTID=1 -- q0=02:00:00:00:00:0b
 
 if [ $failed -ne 0 ]; then
