@@ -45,6 +45,9 @@ struct AdapterState {
   int32_t ip_helper_loaded;
   HostidProc ip_helper_get_addresses;
   Switch netbios_switch;
+  // Lives here, beside the two cache lists it chooses between, for the whole
+  // process; hostid_set_physical_only is the only way to change it, and the
+  // report never does.
   int32_t physical_only;
 };
 
@@ -77,6 +80,7 @@ uint32_t cache_slot() { return g_state.physical_only != 0 ? 1u : 0u; }
 // well formed, and the rest of that answer is dropped.
 void build_chain(HostIdContext* context, const Address* addresses, int32_t count) {
   HostIdRecord* last = context->records;
+  if (last == nullptr) return;
   for (int32_t i = 0; i < count; ++i) {
     HostIdRecord* record = i == 0 ? last : hostid_record_new();
     if (record == nullptr) return;
