@@ -3,16 +3,8 @@
 #ifndef HOSTKIT_HOSTID_H
 #define HOSTKIT_HOSTID_H
 
-#include <stdint.h>
-
-#ifdef __cplusplus
-extern "C" {
-#endif
-
-typedef struct HostIdContext HostIdContext;
-
-#ifdef __cplusplus
-}
-#endif
+#include "hostid_context.h"
+#include "hostid_net.h"
+#include "hostid_port.h"
 
 #endif

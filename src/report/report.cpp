@@ -8,6 +8,7 @@
 
 #include "cpub.h"
 #include "cpuinfo.h"
+#include "hostid.h"
 
 namespace {
 constexpr unsigned kFlushToZeroAndDenormalsAreZero = 0x8040;
@@ -42,7 +43,24 @@ int report_run() {
 
     sysenv_printf(env, "HOSTkit information\n\n");
 
-    // The host block goes here.
+    // The host block: the host name and the default identifier. An
+    // unanswered query leaves its buffer empty and the line stands all the
+    // same.
+    HostIdContext* context = nullptr;
+    int32_t status = hostid_context_open(&context);
+    if (status != 0) {
+      sysenv_printf(env, "Hostkit error code: %d\n", status);
+    } else {
+      char host_name[4096];
+      char host_id[4096];
+      host_name[0] = '\0';
+      host_id[0] = '\0';
+      hostid_query(context, HOSTID_TYPE_HOSTNAME, host_name);
+      hostid_query(context, HOSTID_TYPE_DEFAULT, host_id);
+      sysenv_printf(env, "%-*s : %s\n", 30, "Hostname", host_name);
+      sysenv_printf(env, "%-*s : %s\n", 30, "Hostid", host_id);
+      hostid_context_close(context);
+    }
   }
   sysenv_destroy(&env);
   return 0;

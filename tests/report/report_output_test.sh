@@ -75,8 +75,11 @@ expect_line "HOSTkit information"
 expect_line ""
 
 # --- The host block --------------------------------------------------------------
-# Its lines are checked here, from line $n on, when the host block is built.
-# Until then the report ends with the heading.
+# The name as the system gives it; the identifier by its form, since its value
+# depends on the adapters (tests/hostid/host_block_test.sh sets those up and
+# checks the values).
+expect_line "Hostname                       : HOSTNAME=$(hostname)"
+expect_match '^Hostid {24} : ([0-9a-f]{12}|"[0-9a-f]{12}( [0-9a-f]{12}){1,9}"|ffffffff)$'
 [ "${#lines[@]}" -eq "$n" ] || bad "expected the end of the report"
 
 if [ $fail -ne 0 ]; then echo "--- got:"; cat -A "$out"; fi
