@@ -45,21 +45,17 @@ uint64_t read_index(const unsigned char* raw) {
   return row;
 }
 
-// Writes the row index and both guards of the row's block. Rows always carry
-// the seed 0x20, so every healthy guard is the same 32 bytes.
-void dress_block(const MemBlockEntry& entry, uint64_t row) {
-  unsigned char* raw = bytes_of(entry.raw);
+// Writes the row index and both guards of a block. Rows always carry the
+// seed 0x20, so every healthy guard is the same 32 bytes.
+void dress_block(unsigned char* raw, uint64_t size, uint64_t row) {
   std::memcpy(raw, &row, sizeof row);
   std::memcpy(raw + kIndexBytes, kGuardPattern.bytes, kMemGuard);
-  std::memcpy(raw + kMemHeader + entry.size, kGuardPattern.bytes, kMemGuard);
+  std::memcpy(raw + kMemHeader + size, kGuardPattern.bytes, kMemGuard);
 }
 
 // Finds the first byte of a guard that differs from seed + i, comparing the
 // byte as a signed 8-bit value; returns kMemGuard for a healthy guard.
 uint64_t first_damage(const unsigned char* guard, int8_t seed) {
-  if (seed == kGuardSeed && std::memcmp(guard, kGuardPattern.bytes, kMemGuard) == 0) {
-    return kMemGuard;
-  }
   for (uint64_t i = 0; i < kMemGuard; ++i) {
     if (static_cast<int>(static_cast<int8_t>(guard[i])) != seed + static_cast<int>(i)) return i;
   }
@@ -68,7 +64,23 @@ uint64_t first_damage(const unsigned char* guard, int8_t seed) {
 
 // The block check: both guards of a live row, the begin guard first. Damage
 // ends the process through the fatal path with the caller's file and line.
-void check_block(MemManager* manager, const char* file, int32_t line, const MemBlockEntry& entry) {
+// Healthy blocks, the usual case, are told apart inline in a few compares.
+void report_damage(MemManager* manager, const char* file, int32_t line,
+                   const MemBlockEntry& entry);
+
+inline void check_block(MemManager* manager, const char* file, int32_t line,
+                        const MemBlockEntry& entry) {
+  const unsigned char* raw = static_cast<const unsigned char*>(entry.raw);
+  if (entry.begin_seed == kGuardSeed && entry.end_seed == kGuardSeed &&
+      std::memcmp(raw + kIndexBytes, kGuardPattern.bytes, kMemGuard) == 0 &&
+      std::memcmp(raw + kMemHeader + entry.size, kGuardPattern.bytes, kMemGuard) == 0) {
+    return;
+  }
+  report_damage(manager, file, line, entry);
+}
+
+[[gnu::noinline]] void report_damage(MemManager* manager, const char* file, int32_t line,
+                                     const MemBlockEntry& entry) {
   unsigned char* raw = bytes_of(entry.raw);
   const unsigned char* begin = raw + kIndexBytes;
   const uint64_t at_begin = first_damage(begin, entry.begin_seed);
@@ -259,7 +271,7 @@ void* memman_tracked_alloc(const char* file, int32_t line, MemManager* manager, 
   entry.raw = raw;
   entry.begin_seed = kGuardSeed;
   entry.end_seed = kGuardSeed;
-  dress_block(entry, row);
+  dress_block(bytes_of(raw), bytes, row);
 
   manager->current_usage += bytes;
   if (manager->current_usage > manager->peak_usage) manager->peak_usage = manager->current_usage;
@@ -324,7 +336,7 @@ void* memman_tracked_realloc(const char* file, int32_t line, MemManager* manager
   entry->raw = moved;
   entry->begin_seed = kGuardSeed;
   entry->end_seed = kGuardSeed;
-  dress_block(*entry, row);
+  dress_block(bytes_of(moved), size, row);
   return bytes_of(moved) + kMemHeader;
 }
 

@@ -287,6 +287,37 @@ TEST_P(SysCondWaiters, OneSignalWakesOneWaiter) {
 
 INSTANTIATE_TEST_SUITE_P(PlainAndTimed, SysCondWaiters, ::testing::Bool());
 
+// ---- The lock under contention ------------------------------------------------
+
+struct Contended {
+  sysmutex mutex;
+  long counter = 0;
+};
+
+void* hammer(void* argument) {
+  auto* c = static_cast<Contended*>(argument);
+  for (int i = 0; i < 200000; ++i) {
+    sysmutex_lock(&c->mutex);
+    sysmutex_lock(&c->mutex);  // the owner enters again
+    c->counter = c->counter + 1;
+    sysmutex_unlock(&c->mutex);
+    // Still held after one unlock of two: a plain read-modify-write stays safe.
+    c->counter = c->counter + 1;
+    sysmutex_unlock(&c->mutex);
+  }
+  return nullptr;
+}
+
+TEST(SysMutexThreads, FourThreadsEnteringTwiceLoseNoIncrement) {
+  Contended c;
+  ASSERT_EQ(sysmutex_create(&c.mutex), 0);
+  SysThread threads[4];
+  for (SysThread& t : threads) ASSERT_EQ(systhread_create(&t, nullptr, hammer, &c), 0);
+  for (SysThread& t : threads) EXPECT_EQ(systhread_join(&t, nullptr), 0);
+  EXPECT_EQ(c.counter, 4 * 200000 * 2);
+  EXPECT_EQ(sysmutex_destroy(&c.mutex), 0);
+}
+
 // ---- Threads -----------------------------------------------------------------
 
 void* echo(void* argument) { return argument; }
