@@ -2,6 +2,7 @@
 // the platform's real threads.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <ctime>
 
@@ -291,18 +292,33 @@ INSTANTIATE_TEST_SUITE_P(PlainAndTimed, SysCondWaiters, ::testing::Bool());
 
 struct Contended {
   sysmutex mutex;
-  long counter = 0;
+  volatile long counter = 0;
+  std::atomic<int> ready{0};
 };
+
+// A read-modify-write with a gap in it: without exclusion, threads that
+// overlap lose increments.
+volatile int g_gap;
+
+void slow_increment(volatile long* counter) {
+  const long seen = *counter;
+  for (int spin = 0; spin < 20; ++spin) g_gap = spin;
+  *counter = seen + 1;
+}
 
 void* hammer(void* argument) {
   auto* c = static_cast<Contended*>(argument);
-  for (int i = 0; i < 200000; ++i) {
+  // All four start together, so that they really contend.
+  c->ready.fetch_add(1);
+  while (c->ready.load() < 4) {
+  }
+  for (int i = 0; i < 100000; ++i) {
     sysmutex_lock(&c->mutex);
     sysmutex_lock(&c->mutex);  // the owner enters again
-    c->counter = c->counter + 1;
+    slow_increment(&c->counter);
     sysmutex_unlock(&c->mutex);
-    // Still held after one unlock of two: a plain read-modify-write stays safe.
-    c->counter = c->counter + 1;
+    // Still held after one unlock of two.
+    slow_increment(&c->counter);
     sysmutex_unlock(&c->mutex);
   }
   return nullptr;
@@ -314,7 +330,7 @@ TEST(SysMutexThreads, FourThreadsEnteringTwiceLoseNoIncrement) {
   SysThread threads[4];
   for (SysThread& t : threads) ASSERT_EQ(systhread_create(&t, nullptr, hammer, &c), 0);
   for (SysThread& t : threads) EXPECT_EQ(systhread_join(&t, nullptr), 0);
-  EXPECT_EQ(c.counter, 4 * 200000 * 2);
+  EXPECT_EQ(c.counter, 4 * 100000 * 2);
   EXPECT_EQ(sysmutex_destroy(&c.mutex), 0);
 }
 
