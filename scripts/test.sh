@@ -31,8 +31,10 @@ for preset in "${presets[@]}"; do
     continue
   fi
   if [ "$preset" = windows ] && [ $wine_started -eq 0 ]; then
+    # A persistent server first, so that wineboot and every test process use
+    # it; one that is already running for this prefix is used as it is.
+    wineserver -p 2>/dev/null || true
     scripts/wine-run wineboot -i > /dev/null 2>&1 || true
-    wineserver -p
     wine_started=1
   fi
   ctest --preset "$preset" -j "$jobs" || failed+=("$preset")
