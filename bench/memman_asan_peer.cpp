@@ -14,8 +14,8 @@
 namespace {
 
 void BM_AsanMallocFree(benchmark::State& state) {
-  alloc_free_loop(state, [](size_t size) { return std::malloc(size); },
-                  [](void* block) { std::free(block); });
+  alloc_free_loop(
+      state, [](size_t size) { return std::malloc(size); }, [](void* block) { std::free(block); });
 }
 BENCHMARK(BM_AsanMallocFree)->Arg(64)->Arg(4096)->Repetitions(5);
 

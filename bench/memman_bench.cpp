@@ -40,8 +40,8 @@ void run_on(benchmark::State& state, MemManager* manager) {
 }
 
 void BM_RawMallocFree(benchmark::State& state) {
-  alloc_free_loop(state, [](size_t size) { return std::malloc(size); },
-                  [](void* block) { std::free(block); });
+  alloc_free_loop(
+      state, [](size_t size) { return std::malloc(size); }, [](void* block) { std::free(block); });
 }
 
 void BM_Untracked(benchmark::State& state) {
@@ -144,7 +144,8 @@ void print_ratio(const char* what, double ours, double peer, const char* goal) {
 std::map<int, double> run_asan_peer() {
   std::map<int, double> peer;
   std::fflush(stdout);
-  FILE* pipe = popen(HOSTKIT_ASAN_PEER " --benchmark_color=false --benchmark_min_time=0.2 2>/dev/null", "r");
+  FILE* pipe =
+      popen(HOSTKIT_ASAN_PEER " --benchmark_color=false --benchmark_min_time=0.2 2>/dev/null", "r");
   if (pipe == nullptr) return peer;
   char line[256];
   while (std::fgets(line, sizeof line, pipe) != nullptr) {

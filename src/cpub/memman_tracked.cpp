@@ -65,8 +65,7 @@ uint64_t first_damage(const unsigned char* guard, int8_t seed) {
 // The block check: both guards of a live row, the begin guard first. Damage
 // ends the process through the fatal path with the caller's file and line.
 // Healthy blocks, the usual case, are told apart inline in a few compares.
-void report_damage(MemManager* manager, const char* file, int32_t line,
-                   const MemBlockEntry& entry);
+void report_damage(MemManager* manager, const char* file, int32_t line, const MemBlockEntry& entry);
 
 inline void check_block(MemManager* manager, const char* file, int32_t line,
                         const MemBlockEntry& entry) {
@@ -88,7 +87,8 @@ inline void check_block(MemManager* manager, const char* file, int32_t line,
   if (at_begin < kMemGuard) {
     // The damaged byte shows its sign extension: 0xFF reads 4294967295.
     sysstr_format(sizeof text, text,
-                  "*** Block begin guard violation. #%" PRIu64 " at %p. pos: %u expected: %u got %u",
+                  "*** Block begin guard violation. #%" PRIu64
+                  " at %p. pos: %u expected: %u got %u",
                   entry.block_number, static_cast<void*>(raw), static_cast<unsigned>(at_begin),
                   static_cast<unsigned>(entry.begin_seed + static_cast<int>(at_begin)),
                   static_cast<unsigned>(static_cast<int>(static_cast<int8_t>(begin[at_begin]))));
@@ -147,8 +147,8 @@ bool grow_table(MemManager* manager) {
   if (table->capacity > kMaxRows / 2) return false;
   uint64_t capacity = table->capacity * 2;
   if (capacity < kFirstCapacity) capacity = kFirstCapacity;
-  auto* entries =
-      static_cast<MemBlockEntry*>(manager->malloc_callback(handle, capacity * sizeof(MemBlockEntry)));
+  auto* entries = static_cast<MemBlockEntry*>(
+      manager->malloc_callback(handle, capacity * sizeof(MemBlockEntry)));
   auto* free_next =
       static_cast<uint64_t*>(manager->malloc_callback(handle, capacity * sizeof(uint64_t)));
   if (entries == nullptr || free_next == nullptr) {

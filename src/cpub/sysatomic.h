@@ -24,9 +24,9 @@ SysAtomic* sysatomic_create(SysEnv* env, int32_t count);
 void sysatomic_destroy(SysAtomic** atomic);
 
 /* Slot numbers are the caller's to keep below `count`. */
-int32_t sysatomic_increment(SysAtomic* atomic, int32_t index);   /* the new value */
-int32_t sysatomic_decrement(SysAtomic* atomic, int32_t index);   /* the new value */
-int32_t sysatomic_read(SysAtomic* atomic, int32_t index);        /* with a full barrier */
+int32_t sysatomic_increment(SysAtomic* atomic, int32_t index); /* the new value */
+int32_t sysatomic_decrement(SysAtomic* atomic, int32_t index); /* the new value */
+int32_t sysatomic_read(SysAtomic* atomic, int32_t index);      /* with a full barrier */
 /* Stores `desired` if the slot holds `expected`; returns what the slot held,
  * so success is a result equal to `expected`. */
 int32_t sysatomic_compare_exchange(SysAtomic* atomic, int32_t index, int32_t expected,

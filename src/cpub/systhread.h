@@ -15,10 +15,10 @@ extern "C" {
 /* Results of the condition and thread operations. */
 enum {
   SYSTHREAD_OK = 0,
-  SYSTHREAD_ERR_NULL = 1,      /* null argument, no event, or no thread came up */
-  SYSCOND_ERR_WAIT = 5,        /* the wait itself failed */
-  SYSCOND_ERR_ARGUMENT = 6,    /* a null condition, event, mutex or deadline */
-  SYSCOND_TIMEDOUT = 138       /* the deadline passed (ETIMEDOUT of the Windows C runtime) */
+  SYSTHREAD_ERR_NULL = 1,   /* null argument, no event, or no thread came up */
+  SYSCOND_ERR_WAIT = 5,     /* the wait itself failed */
+  SYSCOND_ERR_ARGUMENT = 6, /* a null condition, event, mutex or deadline */
+  SYSCOND_TIMEDOUT = 138    /* the deadline passed (ETIMEDOUT of the Windows C runtime) */
 };
 
 /* A condition: one platform event. */

@@ -1,8 +1,8 @@
 // Conditions and threads on Windows: auto-reset events and threads of the C
 // runtime, whose trampoline sets the thread's `done` event when the start
 // routine has returned.
-#include <windows.h>
 #include <process.h>
+#include <windows.h>
 
 #include <ctime>
 

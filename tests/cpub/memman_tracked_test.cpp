@@ -364,9 +364,9 @@ TEST_F(MemmanTracked, OperationLinesReachAPrintCallbackAboveLevelFive) {
   memman_set_levels(manager_, 0, 6);
   void* p = memman_alloc("o.c", 3, manager_, 1, 1234567);
   // 1234567 bytes = 1 MiB + 181 KiB + 647; the usage before the block was 0.
-  const std::string alloc_line = "Alloc      #1            at " + address_field("%-32p", raw_of(p)) +
-                                 " of size " + pad("0:1:181:647", 16) + " (" + pad("0:0:0:0", 16) +
-                                 ") in file 'o.c(3)'.\n";
+  const std::string alloc_line =
+      "Alloc      #1            at " + address_field("%-32p", raw_of(p)) + " of size " +
+      pad("0:1:181:647", 16) + " (" + pad("0:0:0:0", 16) + ") in file 'o.c(3)'.\n";
   EXPECT_EQ(sink.text, alloc_line);
   sink.text.clear();
   memman_free("o.c", 4, manager_, p);
@@ -391,8 +391,12 @@ TEST(MemmanTrackedDelete, ListsTheBlocksLeftAndReturnsTheirNumber) {
       "Space usage. Number of blocks: 2  Current usage: 0:0:0:40 Maximum usage: 0:0:0:60\n"
       "Checking leaks\n"
       "**** ALLOCATED  BLOCKS LEFT\n"
-      "#0 at " + address(raw_of(a)) + " (" + address(raw_of(a) + 32) + ") is allocated\n"
-      "#2 at " + address(raw_of(c)) + " (" + address(raw_of(c) + 32) + ") is allocated\n"
+      "#0 at " +
+      address(raw_of(a)) + " (" + address(raw_of(a) + 32) +
+      ") is allocated\n"
+      "#2 at " +
+      address(raw_of(c)) + " (" + address(raw_of(c) + 32) +
+      ") is allocated\n"
       "Done checking leaks\n";
   EXPECT_EQ(memman_delete("d.c", 9, &manager), 2u);
   EXPECT_EQ(manager, nullptr);
@@ -478,12 +482,12 @@ TEST(MemmanTraceFile, AScriptedSessionLineByLine) {
       "",
       "File opened: <time>",
       "",
-      "Alloc      #0            at " + address_field("%-32p", raw0) +
-          " of size " + pad("0:0:0:100", 16) + " (" + pad("0:0:0:0", 16) + ") in file 't.c(10)'.",
+      "Alloc      #0            at " + address_field("%-32p", raw0) + " of size " +
+          pad("0:0:0:100", 16) + " (" + pad("0:0:0:0", 16) + ") in file 't.c(10)'.",
       "Rellocated()   #0      at " + address_field("%-10p", raw0_moved) +
           " of size 0:0:0:300 (0:0:0:100) in file 't.c(11)'.",
-      "Alloc      #1            at " + address_field("%-32p", raw1) +
-          " of size " + pad("0:0:0:8", 16) + " (" + pad("0:0:0:300", 16) + ") in file '(-1)'.",
+      "Alloc      #1            at " + address_field("%-32p", raw1) + " of size " +
+          pad("0:0:0:8", 16) + " (" + pad("0:0:0:300", 16) + ") in file '(-1)'.",
       "Free       #1            at " + address_field("%-32p", raw1) +
           " of size 0:0:0:8 (0:0:0:300) in file '(13)'",
       "-- a note --",
@@ -846,7 +850,8 @@ TEST_F(MemmanFatalDeathTest, ScanOfAnUntrustedManagerWritesToStandardOutputOnly)
         hostkit_test::stdout_to_stderr();
         memman_scan("n.c", 5, nullptr, 0);
       },
-      ended_with_minus_99, StartsWithText("Fatal error in file 'n.c(5)'\nMessage(): memman=NULL\n"));
+      ended_with_minus_99,
+      StartsWithText("Fatal error in file 'n.c(5)'\nMessage(): memman=NULL\n"));
   EXPECT_EXIT(
       {
         hostkit_test::stdout_to_stderr();
@@ -880,8 +885,8 @@ TEST_P(MemmanFatalLevelDeathTest, LinesCallbackTraceFileAndExit) {
   memman_set_fatal_callback(
       manager,
       [](void* handle, const char* file, int32_t line, const char* text, int32_t code) {
-        std::fprintf(stderr, "[%s|%s|%d|%s|%d]", static_cast<const char*>(handle), file, line,
-                     text, code);
+        std::fprintf(stderr, "[%s|%s|%d|%s|%d]", static_cast<const char*>(handle), file, line, text,
+                     code);
       },
       const_cast<char*>("cb"));
   const std::string lines =
@@ -964,7 +969,8 @@ void* churn(void* argument) {
       memman_free("c.c", 2, worker->manager, live[slot]);
     }
     sizes[slot] = 1 + static_cast<uint64_t>(i * 7) % 200;
-    live[slot] = static_cast<unsigned char*>(memman_alloc("c.c", 3, worker->manager, 1, sizes[slot]));
+    live[slot] =
+        static_cast<unsigned char*>(memman_alloc("c.c", 3, worker->manager, 1, sizes[slot]));
     std::memset(live[slot], worker->mark, sizes[slot]);
   }
   for (int slot = 0; slot < kWindow; ++slot) {
