@@ -29,7 +29,7 @@ std::string address(const void* p) {
   return text;
 }
 
-// An address as a conversion of the rules prints it. The platforms' printf
+// An address as the line's own conversion prints it. The platforms' printf
 // families differ in how %p looks (and mingw's in whether a width changes
 // it), so the address field alone comes from the platform's printf.
 std::string address_field(const char* conversion, const void* p) {
@@ -475,7 +475,7 @@ TEST(MemmanTraceFile, AScriptedSessionLineByLine) {
   memman_scan("t.c", 14, manager, 3);
   EXPECT_EQ(memman_delete("t.c", 15, &manager), 1u);
 
-  // Derived from the rules: usage 0 -> 100 (peak 100) -> 300 by realloc
+  // Worked out by hand: usage 0 -> 100 (peak 100) -> 300 by realloc
   // (peak stays) -> 308 with the copy of "hostkit" (peak 308) -> 300.
   const std::vector<std::string> expected = {
       "Header: session one",
