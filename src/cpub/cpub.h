@@ -5,5 +5,7 @@
 #include "memman.h"
 #include "sysenv.h"
 #include "sysmutex.h"
+#include "sysatomic.h"
+#include "systhread.h"
 
 #endif
