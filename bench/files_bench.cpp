@@ -65,6 +65,15 @@ std::string make_text(uint64_t size) {
   return s;
 }
 
+// The data the writers write, 4 KiB at a time: distinct text, so the
+// compressors work as on real input.
+const std::string& source() {
+  static const std::string s = make_text(std::min<uint64_t>(std::max(kZBytes, kPlainBytes), 64 << 20));
+  return s;
+}
+const char* piece_at(uint64_t done) { return source().data() + done % source().size(); }
+constexpr uint64_t kPiece = 4096;
+
 void ensure_file(const std::string& path, uint64_t size) {
   FILE* f = std::fopen(path.c_str(), "rb");
   if (f != nullptr) {
@@ -83,14 +92,6 @@ void ensure_file(const std::string& path, uint64_t size) {
   std::fclose(f);
 }
 
-// The data the writers write, 4 KiB at a time: distinct text, so the
-// compressors work as on real input.
-const std::string& source() {
-  static const std::string s = make_text(std::min<uint64_t>(std::max(kZBytes, kPlainBytes), 64 << 20));
-  return s;
-}
-const char* piece_at(uint64_t done) { return source().data() + done % source().size(); }
-constexpr uint64_t kPiece = 4096;
 
 SysFile* open_file(const std::string& path, int32_t read, int32_t kind, int32_t level) {
   SysFile* file = nullptr;
