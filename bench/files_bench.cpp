@@ -347,15 +347,20 @@ BENCHMARK(BM_Utf8Mixed_iconv)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Utf8Ascii_hostkit)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Utf8Ascii_iconv)->Unit(benchmark::kMicrosecond);
 
-// Keeps each run's time per iteration and its byte rate for the summary.
+// Keeps each benchmark's time per iteration and byte rate for the summary:
+// the mean of the repetitions when there are several (--benchmark_repetitions).
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      times[run.benchmark_name()] = run.GetAdjustedRealTime();
+      if (run.error_occurred) continue;
+      const bool mean = run.run_type == Run::RT_Aggregate && run.aggregate_name == "mean";
+      if (run.run_type != Run::RT_Iteration && !mean) continue;
+      const std::string name = run.run_name.str();
+      if (!mean && times.count(name) != 0) continue;
+      times[name] = run.GetAdjustedRealTime();
       const auto rate = run.counters.find("bytes_per_second");
-      if (rate != run.counters.end()) rates[run.benchmark_name()] = rate->second.value;
+      if (rate != run.counters.end()) rates[name] = rate->second.value;
     }
     ConsoleReporter::ReportRuns(runs);
   }

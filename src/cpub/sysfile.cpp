@@ -138,8 +138,12 @@ void refill(SysFileState* s) {
 
 // Collects one line of at most `room` bytes into `out` and strips its end.
 // False when the input had nothing left.
-bool read_line(SysFileState* s, char* out, uint64_t room, uint64_t* length) {
+// Inlined into both readers: it is the whole cost of reading a short line.
+[[gnu::always_inline]] inline bool read_line(SysFileState* s, char* out, uint64_t room,
+                                             uint64_t* length) {
   uint64_t collected = 0;
+  const unsigned char* last = nullptr;  // the last stretch copied, still in the buffer
+  uint64_t last_n = 0;
   for (;;) {
     const uint64_t unread = s->count - s->position;
     const uint64_t take = unread < room - collected ? unread : room - collected;
@@ -151,19 +155,32 @@ bool read_line(SysFileState* s, char* out, uint64_t room, uint64_t* length) {
     if (n > 0) std::memcpy(out + collected, from, static_cast<size_t>(n));
     s->position += n;
     collected += n;
+    last = from;
+    last_n = n;
     if (lf != nullptr || collected == room) break;
     refill(s);
+    last_n = 0;  // the refill overwrote it
     if (s->count == 0) {
       if (collected > 0) break;
       *length = 0;
       return false;
     }
   }
+  // The line's last bytes, read from the buffer while it still holds them:
+  // reading back what memcpy just stored would stall on the store.
+  auto from_end = [&](uint64_t i) -> unsigned char {
+    return i < last_n ? last[last_n - 1 - i] : static_cast<unsigned char>(out[collected - 1 - i]);
+  };
   // LF, CR LF and a lone CR all end a line; one of each goes, whether the
   // line ended, was cut by the room, or was the last one of the input.
-  if (collected > 0 && out[collected - 1] == static_cast<char>(kLf)) --collected;
-  if (collected > 0 && out[collected - 1] == static_cast<char>(kCr)) --collected;
-  *length = collected;
+  uint64_t kept = collected;
+  if (kept > 0 && from_end(0) == kLf) {
+    --kept;
+    if (kept > 0 && from_end(1) == kCr) --kept;
+  } else if (kept > 0 && from_end(0) == kCr) {
+    --kept;
+  }
+  *length = kept;
   return true;
 }
 
@@ -540,20 +557,22 @@ void sysfile_getline(SysFile* handle, uint64_t capacity, uint64_t* length, char*
   if (status == nullptr || *status != 0) return;
   uint64_t ignored = 0;
   if (length == nullptr) length = &ignored;
-  if (capacity == 0) {
+  if (capacity <= 1) {
     *length = 0;
+    if (capacity == 1) destination[0] = '\0';
     return;
   }
-  *length = 0;
-  destination[0] = '\0';
-  if (capacity == 1) return;
   SysFileState* s = reader(handle);
   if (s == nullptr) {
+    *length = 0;
+    destination[0] = '\0';
     *status = SYSFILE_ERR_NOT_READABLE;
     return;
   }
   uint64_t n = 0;
   if (!read_line(s, destination, capacity - 1, &n)) {
+    *length = 0;
+    destination[0] = '\0';
     *status = SYSFILE_ERR_EOF;
     return;
   }
