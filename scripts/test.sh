@@ -32,6 +32,9 @@ for preset in "${presets[@]}"; do
   fi
   if [ "$preset" = windows ] && [ $wine_started -eq 0 ]; then
     scripts/wine-run wineboot -i > /dev/null 2>&1 || true
+    # wineboot's own server lingers a few seconds; a persistent one can only
+    # start after it has gone.
+    wineserver -w
     wineserver -p
     wine_started=1
   fi
