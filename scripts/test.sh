@@ -33,9 +33,12 @@ for preset in "${presets[@]}"; do
   if [ "$preset" = windows ] && [ $wine_started -eq 0 ]; then
     scripts/wine-run wineboot -i > /dev/null 2>&1 || true
     # wineboot's own server lingers a few seconds; a persistent one can only
-    # start after it has gone.
+    # start after it has gone. Then Wine's helper processes are started once
+    # with their output on /dev/null: started by the first test program, they
+    # would hold its output pipe open and the test would wait for them.
     wineserver -w
     wineserver -p
+    scripts/wine-run wineboot > /dev/null 2>&1 || true
     wine_started=1
   fi
   ctest --preset "$preset" -j "$jobs" || failed+=("$preset")
