@@ -134,13 +134,25 @@ uint64_t syszstd_read(ZstdStream* r, void* destination, uint64_t size) {
       r->in.pos = 0;
     }
     const size_t before = r->in.pos;
-    const size_t hint = ZSTD_decompressStream(r->dstream, &r->out, &r->in);
+    size_t hint;
+    size_t produced;
+    if (size - delivered >= r->out_capacity) {
+      // Room for a whole block at the caller's: decode straight there and
+      // save a copy. Nothing is waiting in `out` at this point.
+      ZSTD_outBuffer direct = {out + delivered, static_cast<size_t>(size - delivered), 0};
+      hint = ZSTD_decompressStream(r->dstream, &direct, &r->in);
+      produced = direct.pos;
+      if (!ZSTD_isError(hint)) delivered += produced;
+    } else {
+      hint = ZSTD_decompressStream(r->dstream, &r->out, &r->in);
+      produced = r->out.pos;
+    }
     if (ZSTD_isError(hint)) {
       r->failed = 1;
       r->at_end = 1;
       continue;
     }
-    if (r->in.pos == before && r->out.pos == 0) {
+    if (r->in.pos == before && produced == 0) {
       // Nothing moved. With no input left that is the end of the file, damaged
       // if a frame was still open; with input left the library is stuck.
       if (r->in.pos < r->in.size || r->mid_frame != 0) r->failed = 1;
@@ -148,6 +160,7 @@ uint64_t syszstd_read(ZstdStream* r, void* destination, uint64_t size) {
       continue;
     }
     r->mid_frame = hint != 0 ? 1 : 0;
+    if (delivered == size) return delivered;
   }
 }
 
