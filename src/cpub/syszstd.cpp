@@ -90,9 +90,16 @@ ZstdStream* syszstd_create(SysEnv* env, FILE* stream, int32_t level, int32_t rea
 
 uint64_t syszstd_write(ZstdStream* r, const void* data, uint64_t size) {
   if (r == nullptr || r->cstream == nullptr || size == 0) return 0;
-  r->in = {data, static_cast<size_t>(size), 0};
+  r->in = {data, 0, 0};
+  // The data goes in slices of the library's recommended input size, with
+  // the output written after each: a block then always finds room to be
+  // compressed straight into `out` instead of through the library's own
+  // buffer.
+  const size_t slice = ZSTD_CStreamInSize();
   uint64_t consumed = 0;
   do {
+    const uint64_t rest = size - r->in.pos;
+    r->in.size = r->in.pos + static_cast<size_t>(rest < slice ? rest : slice);
     const size_t before = r->in.pos;
     const size_t out_before = r->out.pos;
     const size_t hint = ZSTD_compressStream(r->cstream, &r->out, &r->in);
@@ -100,7 +107,7 @@ uint64_t syszstd_write(ZstdStream* r, const void* data, uint64_t size) {
     if (ZSTD_isError(hint)) break;
     const bool moved = r->in.pos != before || r->out.pos != out_before;
     if (!write_out(r) || !moved) break;
-  } while (r->in.pos < r->in.size);
+  } while (r->in.pos < size);
   r->in = {nullptr, 0, 0};
   return consumed;
 }
