@@ -41,17 +41,6 @@ TEST(HostBlock, WhatTheRoutesAndFailuresPrint) {
     EXPECT_EQ(host_block_of_a_run(), lines("HOSTNAME=alpha", "\"000000000000 ffffffffffff\""));
   }
   {
-    FakePort machine;  // the transport route keeps the all-ones address alone
-    machine.libraries.erase("iphlpapi.dll");
-    machine.transports = {u"000000000000", u"FFFFFFFFFFFF"};
-    EXPECT_EQ(host_block_of_a_run(), lines("HOSTNAME=alpha", "ffffffffffff"));
-  }
-  {
-    FakePort machine;  // no libraries at all: no name, no adapter list
-    machine.libraries.clear();
-    EXPECT_EQ(host_block_of_a_run(), lines("HOSTNAME=", "000000000000"));
-  }
-  {
     FakePort machine;
     machine.host_name_fails = true;
     EXPECT_EQ(host_block_of_a_run(), lines("HOSTNAME=", "ffffffff"));

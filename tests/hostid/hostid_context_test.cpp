@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include "fake_port.h"
 
@@ -56,20 +57,15 @@ TEST(HostidContext, OpenCloseTagAndErrors) {
 TEST(HostidContext, CopyBounded) {
   // Source, limit, and the 6 bytes then in a buffer of '#': a short source
   // gets its NUL, untouched bytes, then the NUL at [limit]; a long one is cut.
-  struct Case {
-    const char* source;
-    int32_t limit;
-    const char* expected;
-  };
-  const Case cases[] = {{nullptr, 5, "\0#####"},
-                        {"abc", 0, "\0#####"},
-                        {"ab", 5, "ab\0##\0"},
+  // clang-format off
+  const std::tuple<const char*, int32_t, const char*> cases[] = {{nullptr, 5, "\0#####"}, {"abc", 0, "\0#####"}, {"ab", 5, "ab\0##\0"},
                         {"abcdefgh", 4, "abcd\0#"}};
-  for (const Case& c : cases) {
+  // clang-format on
+  for (const auto& [source, limit, expected] : cases) {
     char out[8];
     std::memset(out, '#', sizeof out);
-    hostid_copy_bounded(out, c.source, c.limit);
-    EXPECT_EQ(std::string(out, 6), std::string(c.expected, 6)) << c.source << " " << c.limit;
+    hostid_copy_bounded(out, source, limit);
+    EXPECT_EQ(std::string(out, 6), std::string(expected, 6)) << limit;
   }
   hostid_copy_bounded(nullptr, "abc", 3);  // nothing to write to
 }
@@ -77,24 +73,13 @@ TEST(HostidContext, CopyBounded) {
 TEST(HostidLifetime, TheVariableIsReadAsASignedDecimalNumber) {
   // A value of HID_DEBUG_HOSTID and its lifetime: in 1..30 the number read
   // as strtol does, everything else the default of 30.
-  const std::pair<const char*, int32_t> cases[] = {{nullptr, 30},
-                                                   {"", 30},
-                                                   {"0", 30},
-                                                   {"31", 30},
-                                                   {"-5", 30},
-                                                   {"abc", 30},
-                                                   {"1", 1},
-                                                   {"30", 30},
-                                                   {"12ab", 12},
-                                                   {"  \t7", 7},
-                                                   {"+9", 9},
-                                                   {"-0", 30},
-                                                   {"007", 7},
-                                                   {"2 3", 2},
-                                                   {" x5", 30},
-                                                   {"\n\v\f\r15", 15},
-                                                   {"99999999999999999999", 30},
-                                                   {"-99999999999999999999", 30}};
+  // clang-format off
+  const std::pair<const char*, int32_t> cases[] = {
+      {nullptr, 30}, {"", 30}, {"0", 30}, {"31", 30}, {"-5", 30}, {"abc", 30}, {"-0", 30},
+      {" x5", 30}, {"99999999999999999999", 30}, {"-99999999999999999999", 30},
+      {"1", 1}, {"30", 30}, {"12ab", 12}, {"  \t7", 7}, {"+9", 9}, {"007", 7}, {"2 3", 2},
+      {"\n\v\f\r15", 15}};
+  // clang-format on
   for (const auto& [text, lifetime] : cases) {
     EXPECT_EQ(hostid_lifetime_from_text(text), lifetime) << (text ? text : "(unset)");
   }
@@ -103,14 +88,16 @@ TEST(HostidLifetime, TheVariableIsReadAsASignedDecimalNumber) {
 TEST(HostidLifetime, ReadOnceAtTheFirstLookup) {
   Machine machine;
   machine.environment["HID_DEBUG_HOSTID"] = "5";
-  {
-    Context c;
-    query(c.handle, 2);
-  }
-  machine.environment["HID_DEBUG_HOSTID"] = "9";
   Context c;
   query(c.handle, 2);
-  EXPECT_EQ(hostid_lifetime(), 5);
+  const int64_t stamp = c.handle->records_time;
+  machine.environment["HID_DEBUG_HOSTID"] = "9";  // too late: changes nothing
+  machine.clock = stamp + 5;
+  query(c.handle, 2);
+  EXPECT_EQ(c.handle->records_time, stamp);  // 5 seconds old: a hit
+  machine.clock = stamp + 6;
+  query(c.handle, 2);
+  EXPECT_EQ(c.handle->records_time, stamp + 6);  // a miss
 }
 
 TEST(HostidLifetime, ThirtySecondsStillCachedThirtyOneNotAndAClockSetBack) {

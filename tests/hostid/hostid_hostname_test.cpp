@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include "fake_port.h"
 
@@ -18,33 +19,24 @@ constexpr uint32_t kOlderFamily = 0x80000000u | (1998u << 16) | 0x0A04u;  // 4.1
 TEST(HostidNetLayer, WhichLibraryIsLoadedAndStartedOnce) {
   // The layer's table: 29 common functions, 2 of WinSock 1 only, 7 of
   // WinSock 2 only; each library is asked for its own and the common ones.
-  struct Case {
-    uint32_t version;
-    const char* absent;
-    Names loads;
-    size_t lookups;
-    uint16_t startup;
-  };
-  const Case cases[] = {
+  // The version, a library that isn't there, the loads, the lookups, the
+  // WinSock version asked for.
+  const std::tuple<uint32_t, const char*, Names, size_t, uint16_t> cases[] = {
       {(19041u << 16) | 0x000Au, nullptr, {"WS2_32.Dll"}, 29 + 2 + 7, 0x0002},
       {(19041u << 16) | 0x000Au, "WS2_32.Dll", {"WS2_32.Dll", "WSOCK32.Dll"}, 29 + 2, 0x0101},
       {kOlderFamily, nullptr, {"WSOCK32.Dll"}, 29 + 2, 0x0101}};
-  for (const Case& c : cases) {
+  for (const auto& [version, absent, loads, lookups, startup] : cases) {
     FakePort machine;
-    machine.version = c.version;
-    if (c.absent != nullptr) machine.libraries.erase(c.absent);
+    machine.version = version;
+    if (absent != nullptr) machine.libraries.erase(absent);
     machine.error_mode = 0x3;
-    {
-      Context a;
-      EXPECT_EQ(query(a.handle, 6), "HOSTNAME=alpha");
-    }
-    Context b;
-    EXPECT_EQ(query(b.handle, 6), "HOSTNAME=alpha");
-    EXPECT_EQ(machine.loads, c.loads);
-    EXPECT_EQ(machine.lookups.size(), c.lookups);
+    EXPECT_EQ(query(Context().handle, 6), "HOSTNAME=alpha");
+    EXPECT_EQ(query(Context().handle, 6), "HOSTNAME=alpha");
+    EXPECT_EQ(machine.loads, loads);
+    EXPECT_EQ(machine.lookups.size(), lookups);
     EXPECT_EQ(std::count(machine.lookups.begin(), machine.lookups.end(), "EnumProtocolsA"), 1);
     EXPECT_EQ(machine.startups, 1);
-    EXPECT_EQ(machine.startup_version, c.startup);
+    EXPECT_EQ(machine.startup_version, startup);
     EXPECT_EQ(machine.host_name_reads, 2);  // once per context
     // The mode switched once for the loading and restored behind it.
     EXPECT_EQ(machine.error_mode_sets, 2);
@@ -65,18 +57,12 @@ TEST(HostidNetLayer, WithoutLibrariesTheLoadIsTriedAgainAtEachRead) {
   EXPECT_STREQ(hostname_get(c.handle), "alpha");  // but the next read finds the library
   machine.host_name = "beta";
   EXPECT_STREQ(hostname_get(c.handle), "alpha");  // saved for the context's life
-  Context d;
-  EXPECT_EQ(query(d.handle, 6), "HOSTNAME=beta");
+  EXPECT_EQ(query(Context().handle, 6), "HOSTNAME=beta");
 }
 
 TEST(HostidNetLayer, AMissingRequiredFunctionLeavesTheLayerUnusable) {
-  struct Case {
-    uint32_t version;
-    const char* library;
-    const char* missing;
-    int32_t loaded;
-  };
-  const Case cases[] = {
+  // The version, the library, the function it lacks, whether it loads.
+  const std::tuple<uint32_t, const char*, const char*, int32_t> cases[] = {
       {(19041u << 16) | 10, "WS2_32.Dll", "gethostname", 0},
       {(19041u << 16) | 10, "WS2_32.Dll", "WSAStartup", 0},
       {(19041u << 16) | 10, "WS2_32.Dll", "__WSAFDIsSet", 0},
@@ -87,18 +73,18 @@ TEST(HostidNetLayer, AMissingRequiredFunctionLeavesTheLayerUnusable) {
       {kOlderFamily, "WSOCK32.Dll", "recvfrom", 0},
       {kOlderFamily, "WSOCK32.Dll", "WSACreateEvent", 1},  // not asked of WinSock 1
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.missing);
+  for (const auto& [version, library, missing, loaded] : cases) {
+    SCOPED_TRACE(missing);
     FakePort machine;
-    machine.version = c.version;
-    machine.libraries[c.library] = {c.missing};
-    EXPECT_EQ(netlayer_load(), c.loaded);
-    EXPECT_EQ(netlayer_load(), c.loaded);  // never a call through an empty slot
-    EXPECT_EQ(machine.startups, c.loaded);
+    machine.version = version;
+    machine.libraries[library] = {missing};
+    EXPECT_EQ(netlayer_load(), loaded);
+    EXPECT_EQ(netlayer_load(), loaded);  // never a call through an empty slot
+    EXPECT_EQ(machine.startups, loaded);
     EXPECT_EQ(machine.loads.size(), 1u);
     char buffer[1024] = "before";
-    EXPECT_EQ(hostname_read_utf8(buffer, 1024), c.loaded ? 0 : -1);
-    EXPECT_STREQ(buffer, c.loaded ? "alpha" : "before");
+    EXPECT_EQ(hostname_read_utf8(buffer, 1024), loaded ? 0 : -1);
+    EXPECT_STREQ(buffer, loaded ? "alpha" : "before");
   }
 }
 
@@ -106,14 +92,12 @@ TEST(HostidNetLayer, NoNetworkIsReadOnceAndLoadsNothing) {
   for (bool set_first : {true, false}) {
     FakePort machine;
     if (set_first) machine.environment["HID_NO_NETWORK"] = "";  // set, with any value
-    Context c;
-    EXPECT_EQ(query(c.handle, 6), set_first ? "HOSTNAME=" : "HOSTNAME=alpha");
+    EXPECT_EQ(query(Context().handle, 6), set_first ? "HOSTNAME=" : "HOSTNAME=alpha");
     if (set_first)
       machine.environment.erase("HID_NO_NETWORK");
     else
       machine.environment["HID_NO_NETWORK"] = "1";
-    Context d;
-    EXPECT_EQ(query(d.handle, 6), set_first ? "HOSTNAME=" : "HOSTNAME=alpha");
+    EXPECT_EQ(query(Context().handle, 6), set_first ? "HOSTNAME=" : "HOSTNAME=alpha");
     EXPECT_EQ(machine.loads.size(), set_first ? 0u : 1u);
   }
 }
@@ -122,8 +106,7 @@ TEST(HostidHostName, FailuresGiveAnEmptyOrRawName) {
   {
     FakePort machine;
     machine.host_name_fails = true;
-    Context c;
-    EXPECT_EQ(query(c.handle, 6), "HOSTNAME=");
+    EXPECT_EQ(query(Context().handle, 6), "HOSTNAME=");
     EXPECT_EQ(machine.startups, 1);  // the layer stays started
   }
   // A failed conversion, or a failed allocation in it, leaves the bytes as
@@ -148,8 +131,7 @@ TEST(HostidHostName, ConversionToUtf8AndItsCut) {
   FakePort machine;
   // The fake's code page is Latin-1: 0xE9 is U+00E9, two bytes in UTF-8.
   machine.host_name = "caf\xe9";
-  Context c;
-  EXPECT_EQ(query(c.handle, 6), "HOSTNAME=caf\xc3\xa9");
+  EXPECT_EQ(query(Context().handle, 6), "HOSTNAME=caf\xc3\xa9");
   // 1022 ASCII bytes and one é: 1025 bytes with the NUL in UTF-8, more than
   // the 1024 of the buffer, so 1023 bytes stand, cutting the é in two.
   // With 1021 it fits exactly.
