@@ -66,32 +66,30 @@ uint8_t netbios(void* h, HostidProc, uint8_t command, uint8_t lana, const char* 
   return 0;
 }
 
-// A registry key is its entry, null for the class key itself.
+// A registry key is its entry; the class key is the list of entries.
 int32_t reg_open(void* h, void* parent, const char* path, uint32_t access, void** key) {
   FakePort& f = fake(h);
   EXPECT_EQ(access, 0x20019u);  // KEY_READ
   *key = nullptr;
+  const std::string class_key =
+      "SYSTEM\\CurrentControlSet\\Control\\Class\\{4D36E972-E325-11CE-BFC1-08002BE10318}";
   if (parent == nullptr) {
-    if (!f.class_key_opens || std::strcmp(path,
-                                          "SYSTEM\\CurrentControlSet\\Control\\Class\\"
-                                          "{4D36E972-E325-11CE-BFC1-08002BE10318}") != 0) {
-      return 2;
-    }
-    *key = new const FakeRegistryEntry*(nullptr);
+    if (!f.class_key_opens || path != class_key) return 2;
+    *key = &f.class_entries;
   } else {
     auto it = std::find_if(f.class_entries.begin(), f.class_entries.end(),
                            [&](const FakeRegistryEntry& e) { return e.subkey == path; });
     if (it == f.class_entries.end()) return 2;
     if (!it->opens) return 5;
-    *key = new const FakeRegistryEntry*(&*it);
+    *key = &*it;
   }
   ++f.registry_open_keys;
   return 0;
 }
 
-int32_t reg_query_value(void*, void* key, const char* name, uint8_t* data, uint32_t* size) {
-  const FakeRegistryEntry* e = *static_cast<const FakeRegistryEntry**>(key);
-  if (e == nullptr) return 2;
+int32_t reg_query_value(void* h, void* key, const char* name, uint8_t* data, uint32_t* size) {
+  if (key == &fake(h).class_entries) return 2;
+  const auto* e = static_cast<const FakeRegistryEntry*>(key);
   std::string value;
   if (std::strcmp(name, "NetCfgInstanceId") == 0 && e->instance != nullptr) {
     value.assign(e->instance, std::strlen(e->instance) + 1);
@@ -216,10 +214,7 @@ FakePort::FakePort() {
     return int32_t{0};
   };
   p.reg_query_value = reg_query_value;
-  p.reg_close = [](void* h, void* key) {
-    --fake(h).registry_open_keys;
-    delete static_cast<const FakeRegistryEntry**>(key);
-  };
+  p.reg_close = [](void* h, void*) { --fake(h).registry_open_keys; };
   hostid_process_reset();
   hostid_heap_fail_at(0);
   hostid_port_set(&port);
