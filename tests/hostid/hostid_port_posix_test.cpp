@@ -2,7 +2,6 @@
 // conversion from the locale's character set, and the routes that don't
 // exist here.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -12,14 +11,13 @@
 
 namespace {
 
-const HostidPort& real() { return *hostid_port_system(); }
+const HostidPort& p = *hostid_port_system();
 
 TEST(PosixPort, PhysicalMeansADeviceBehindTheInterface) {
   int seen = 0;
   for (const auto& entry : std::filesystem::directory_iterator("/sys/class/net")) {
     std::string name = entry.path().filename().string();
-    struct stat st {};
-    bool device = stat((entry.path() / "device").c_str(), &st) == 0;
+    bool device = std::filesystem::exists(entry.path() / "device");
     EXPECT_EQ(hostid_adapter_is_physical(name.c_str()), device ? 1 : 0) << name;
     ++seen;
   }
@@ -30,7 +28,6 @@ TEST(PosixPort, PhysicalMeansADeviceBehindTheInterface) {
 }
 
 TEST(PosixPort, TheLocalesCharacterSetToUtf16) {
-  const HostidPort& p = real();
   const char* saved = std::getenv("LC_ALL");
   std::string before = saved != nullptr ? saved : "";
   uint16_t out[8];
@@ -44,22 +41,16 @@ TEST(PosixPort, TheLocalesCharacterSetToUtf16) {
   // Invalid text in that character set fails, as with MB_ERR_INVALID_CHARS.
   EXPECT_EQ(p.ansi_to_wide(p.handle, "caf\xe9", nullptr, 0), 0);
   EXPECT_EQ(p.ansi_to_wide(p.handle, "abcdefghij", out, 8), 0);  // no room
-  if (saved != nullptr) {
-    setenv("LC_ALL", before.c_str(), 1);
-  } else {
-    unsetenv("LC_ALL");
-  }
+  saved != nullptr ? setenv("LC_ALL", before.c_str(), 1) : unsetenv("LC_ALL");
 }
 
 TEST(PosixPort, OnlyTheIpHelperRouteExists) {
-  const HostidPort& p = real();
   EXPECT_EQ(p.load_library(p.handle, "NETAPI32.Dll"), nullptr);
   EXPECT_EQ(p.load_library(p.handle, "WSOCK32.Dll"), nullptr);
   EXPECT_NE(p.load_library(p.handle, "ws2_32.dll"), nullptr);  // names without case, as on Windows
   // The version keeps the IP helper route: the NT line, 10.0, a recent build.
-  uint32_t version = p.version(p.handle);
-  EXPECT_EQ(version & 0xFF, 10u);
-  EXPECT_GT(version >> 16, 1381u);
+  EXPECT_EQ(p.version(p.handle) & 0xFF, 10u);
+  EXPECT_GT(p.version(p.handle) >> 16, 1381u);
 }
 
 }  // namespace
