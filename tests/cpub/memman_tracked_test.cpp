@@ -149,7 +149,7 @@ TEST_F(MemmanTracked, BlocksCarryTheirRowIndexAndTwoGuardsAcrossTheFamily) {
   EXPECT_EQ(entry.size, 100u);
   EXPECT_EQ(entry.raw, raw_of(p));
   EXPECT_EQ(manager_->table->capacity, 1024u);  // the first block makes the first table
-  std::memset(p, 0xEE, 100);  // the whole of the caller's bytes may be written
+  std::memset(p, 0xEE, 100);                    // the whole of the caller's bytes may be written
   memman_free("a.c", 8, manager_, p);
   EXPECT_EQ(entry.in_use, 0);
   EXPECT_EQ(entry.raw, nullptr);
@@ -198,16 +198,29 @@ TEST_F(MemmanTracked, BlocksCarryTheirRowIndexAndTwoGuardsAcrossTheFamily) {
 
 TEST_F(MemmanTracked, The1025thLiveBlockDoublesTheTableAndEarlierBlocksStay) {
   std::vector<unsigned char*> blocks;
-  for (int i = 0; i < 1025; ++i) {
-    if (i == 1024) {
-      EXPECT_EQ(manager_->table->capacity, 1024u);
-    }
+  for (int i = 0; i < 1024; ++i) {
     blocks.push_back(block(16));
-    ASSERT_NE(blocks.back(), nullptr);
     std::memset(blocks.back(), i & 0xFF, 16);
   }
+  // The growth asks for the new rows, then the new free list: when either
+  // fails, the block fails and the old table stands as it was.
+  const MemBlockTable before = *manager_->table;  // no padding: compared bytewise
+  for (int which = 1; which <= 2; ++which) {
+    SCOPED_TRACE(which);
+    user_.base.fail_at = user_.base.allocating_calls + which;
+    const int64_t live = user_.live();
+    ::testing::internal::CaptureStdout();
+    EXPECT_EQ(memman_alloc("w.c", 5000, manager_, 1, 77), nullptr);
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+              "Out of space while trying to allocate a block of size 77 in file 'w.c(5000)'\n");
+    EXPECT_EQ(user_.live(), live);
+    EXPECT_EQ(std::memcmp(manager_->table, &before, sizeof before), 0);
+  }
+  user_.base.fail_at = 0;
+  blocks.push_back(block(16));
   EXPECT_EQ(manager_->table->capacity, 2048u);
   EXPECT_EQ(manager_->table->free_head, 2048u);
+  EXPECT_EQ(row(1024).block_number, 1024u);
   for (uint64_t i = 0; i < 1024; ++i) {
     EXPECT_EQ(index_of(blocks[i]), i);
     EXPECT_EQ(row(i).block_number, i);
@@ -304,52 +317,58 @@ TEST_F(MemmanTracked, AlignedPairOnTrackedBlocks) {
   memman_free("l.c", 7, manager_, start);
 }
 
-// The per-operation lines go to a print callback only above level 5; their
-// exact form is checked in the trace file below.
+// The per-operation lines go to a print callback only above level 5, with
+// or without a trace file; their exact form is checked in the trace file below.
 TEST_F(MemmanTracked, OperationLinesReachAPrintCallbackAboveLevelFive) {
   TextSink sink;
   memman_set_print_callback(manager_, TextSink::receive, &sink);
+  memman_set_levels(manager_, 0, 100);
+  // A trace file that can't be opened is passed over in silence.
+  memman_open_trace(manager_, (::testing::TempDir() + "no/such/folder/trace.txt").c_str(), "h");
+  EXPECT_EQ(manager_->trace_file, nullptr);
+  memman_close_trace(manager_);  // nothing open: nothing happens
+  memman_trace_text(manager_, "lost");
+  memman_trace_text(nullptr, "lost");
+  EXPECT_EQ(sink.text, "");
   memman_set_levels(manager_, 0, 5);
   memman_free("o.c", 2, manager_, block(8));
   EXPECT_EQ(sink.text, "");
   memman_set_levels(manager_, 0, 6);
-  void* p = block(8);
-  memman_free("o.c", 4, manager_, p);
+  memman_free("o.c", 4, manager_, block(8));
   EXPECT_EQ(sink.text.rfind("Alloc      #1", 0), 0u) << sink.text;
   EXPECT_NE(sink.text.find("\nFree       #1"), std::string::npos) << sink.text;
   memman_set_print_callback(manager_, nullptr, nullptr);
 }
 
-TEST(MemmanTrackedDelete, ListsTheBlocksLeftAndReturnsTheirNumber) {
-  CountingAllocator user;
-  MemManager* manager = user.create_manager(1);
-  ASSERT_NE(manager, nullptr);
+TEST_F(MemmanTracked, DeleteListsTheBlocksLeftAndReturnsTheirNumber) {
   TextSink sink;
-  memman_set_print_callback(manager, TextSink::receive, &sink);
-  void* a = memman_alloc("k.c", 1, manager, 1, 10);
-  void* b = memman_alloc("k.c", 2, manager, 1, 20);
-  void* c = memman_alloc("k.c", 3, manager, 1, 30);
-  memman_free("k.c", 4, manager, b);
+  memman_set_print_callback(manager_, TextSink::receive, &sink);
+  void* a = block(10);
+  void* b = block(20);
+  void* c = block(30);
+  memman_free("k.c", 4, manager_, b);
   const std::string expected =
       "Deleting mem manager. Scanning memory\nScanning memory at 'd.c'(9)\n"
       "Space usage. Number of blocks: 2  Current usage: 0:0:0:40 Maximum usage: 0:0:0:60\n"
       "Checking leaks\n**** ALLOCATED  BLOCKS LEFT\n"
-      "#0 at " + address(raw_of(a)) + " (" + address(raw_of(a) + 32) + ") is allocated\n"
-      "#2 at " + address(raw_of(c)) + " (" + address(raw_of(c) + 32) + ") is allocated\n"
+      "#0 at " +
+      address(raw_of(a)) + " (" + address(raw_of(a) + 32) +
+      ") is allocated\n"
+      "#2 at " +
+      address(raw_of(c)) + " (" + address(raw_of(c) + 32) +
+      ") is allocated\n"
       "Done checking leaks\n";
-  EXPECT_EQ(memman_delete("d.c", 9, &manager), 2u);
-  EXPECT_EQ(manager, nullptr);
+  EXPECT_EQ(memman_delete("d.c", 9, &manager_), 2u);
+  EXPECT_EQ(manager_, nullptr);
   EXPECT_EQ(sink.text, expected);
   // The blocks left stay with the allocator; everything else went back.
-  EXPECT_EQ(user.live, 2);
-  user.free(&user, raw_of(a));
-  user.free(&user, raw_of(c));
+  EXPECT_EQ(user_.live(), 2);
   // With nobody listening the count is the same.
-  manager = user.create_manager(1);
-  a = memman_alloc("k.c", 1, manager, 1, 10);
-  EXPECT_EQ(memman_delete("d.c", 9, &manager), 1u);
-  user.free(&user, raw_of(a));
-  EXPECT_EQ(user.live, 0);
+  manager_ = memman_create(1, &user_, Recorder::malloc, Recorder::calloc, Recorder::realloc,
+                           Recorder::free);
+  void* d = block(10);
+  EXPECT_EQ(memman_delete("d.c", 9, &manager_), 1u);
+  for (void* left : {a, c, d}) Recorder::free(&user_, raw_of(left));
 }
 
 std::vector<std::string> read_lines(const std::string& path) {
@@ -367,17 +386,16 @@ bool is_asctime(const std::string& text) {
   char day[4], month[4];
   int d, h, m, s, y, used = 0;
   return text.size() == 24 &&
-         std::sscanf(text.c_str(), "%3s %3s %2d %2d:%2d:%2d %4d%n", day, month, &d, &h, &m, &s,
-                     &y, &used) == 7 &&
+         std::sscanf(text.c_str(), "%3s %3s %2d %2d:%2d:%2d %4d%n", day, month, &d, &h, &m, &s, &y,
+                     &used) == 7 &&
          used == 24;
 }
 
-TEST(MemmanTraceFile, AScriptedSessionLineByLine) {
+TEST_F(MemmanTracked, TraceFileOfAScriptedSessionLineByLine) {
   const std::string path = ::testing::TempDir() + "memman_trace_session.txt";
   const std::string first = ::testing::TempDir() + "memman_trace_first.txt";
-  CountingAllocator user;
-  MemManager* manager = user.create_manager(1);
-  ASSERT_NE(manager, nullptr);
+  MemManager* manager = manager_;
+  manager_ = nullptr;
   memman_open_trace(manager, first.c_str(), "first");
   // A second open closes the first file with its closing line.
   memman_open_trace(manager, path.c_str(), "session one");
@@ -397,22 +415,33 @@ TEST(MemmanTraceFile, AScriptedSessionLineByLine) {
   const std::string usage =
       "Space usage. Number of blocks: 1  Current usage: 0:0:0:300 Maximum usage: 0:0:0:308";
   const std::vector<std::string> expected = {
-      "Header: session one", "", "File opened: <time>", "",
-      "Alloc      #0            at " + address(raw0, "%-32p") + " of size " +
-          pad("0:0:0:100", 16) + " (" + pad("0:0:0:0", 16) + ") in file 't.c(10)'.",
+      "Header: session one",
+      "",
+      "File opened: <time>",
+      "",
+      "Alloc      #0            at " + address(raw0, "%-32p") + " of size " + pad("0:0:0:100", 16) +
+          " (" + pad("0:0:0:0", 16) + ") in file 't.c(10)'.",
       "Rellocated()   #0      at " + address(raw0_moved, "%-10p") +
           " of size 0:0:0:300 (0:0:0:100) in file 't.c(11)'.",
-      "Alloc      #1            at " + address(raw1, "%-32p") + " of size " +
-          pad("0:0:0:8", 16) + " (" + pad("0:0:0:300", 16) + ") in file '(-1)'.",
+      "Alloc      #1            at " + address(raw1, "%-32p") + " of size " + pad("0:0:0:8", 16) +
+          " (" + pad("0:0:0:300", 16) + ") in file '(-1)'.",
       "Free       #1            at " + address(raw1, "%-32p") +
           " of size 0:0:0:8 (0:0:0:300) in file '(13)'",
-      "-- a note --", "Scanning memory at 't.c'(14)", usage,
-      "Deleting mem manager. Scanning memory", "Scanning memory at 't.c'(15)", usage,
-      "Checking leaks", "**** ALLOCATED  BLOCKS LEFT",
+      "-- a note --",
+      "Scanning memory at 't.c'(14)",
+      usage,
+      "Deleting mem manager. Scanning memory",
+      "Scanning memory at 't.c'(15)",
+      usage,
+      "Checking leaks",
+      "**** ALLOCATED  BLOCKS LEFT",
       "#0 at " + address(raw0_moved) + " (" + address(bytes(raw0_moved) + 32) + ") is allocated",
-      "Done checking leaks", "", "File closed: <time>", ""};
-  const std::vector<std::string> closed_first = {"Header: first", "", "File opened: <time>", "",
-                                                 "", "File closed: <time>", ""};
+      "Done checking leaks",
+      "",
+      "File closed: <time>",
+      ""};
+  const std::vector<std::string> closed_first = {
+      "Header: first", "", "File opened: <time>", "", "", "File closed: <time>", ""};
   const std::pair<std::string, std::vector<std::string>> files[] = {{path, expected},
                                                                     {first, closed_first}};
   for (const auto& [file, want] : files) {
@@ -429,26 +458,7 @@ TEST(MemmanTraceFile, AScriptedSessionLineByLine) {
     }
     std::remove(file.c_str());
   }
-  user.free(&user, raw0_moved);
-  EXPECT_EQ(user.live, 0);
-}
-
-TEST(MemmanTraceFile, AFileThatCantBeOpenedIsSilent) {
-  CountingAllocator user;
-  MemManager* manager = user.create_manager(1);
-  TextSink sink;
-  memman_set_print_callback(manager, TextSink::receive, &sink);
-  memman_set_levels(manager, 0, 100);
-  memman_open_trace(manager, (::testing::TempDir() + "no/such/folder/trace.txt").c_str(), "h");
-  EXPECT_EQ(manager->trace_file, nullptr);
-  EXPECT_EQ(sink.text, "");
-  memman_close_trace(manager);  // nothing open: nothing happens
-  memman_trace_text(manager, "lost");
-  memman_trace_text(nullptr, "lost");
-  memman_free("h.c", 2, manager, memman_alloc("h.c", 1, manager, 1, 1));
-  EXPECT_EQ(sink.text.rfind("Alloc      #0", 0), 0u);  // the lines still reach the callback
-  memman_delete("h.c", 3, &manager);
-  EXPECT_EQ(user.live, 0);
+  Recorder::free(&user_, raw0_moved);
 }
 
 // ---- Fault injection -------------------------------------------------------
@@ -513,34 +523,6 @@ TEST(MemmanFaults, EveryFailingCallIsReportedAndLeaksNothing) {
   }
 }
 
-TEST(MemmanFaults, AFailedGrowthLeavesTheOldTableStanding) {
-  CountingAllocator user;
-  MemManager* manager = user.create_manager(1);
-  ASSERT_NE(manager, nullptr);
-  std::vector<void*> blocks;
-  for (int i = 0; i < 1024; ++i) blocks.push_back(memman_alloc("w.c", i, manager, 1, 8));
-  const MemBlockTable before = *manager->table;
-  // The growth asks for the new rows, then the new free list; fail each.
-  for (int which = 1; which <= 2; ++which) {
-    SCOPED_TRACE(which);
-    user.fail_at = user.allocating_calls + which;
-    const int64_t live = user.live;
-    ::testing::internal::CaptureStdout();
-    EXPECT_EQ(memman_alloc("w.c", 5000, manager, 1, 77), nullptr);
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
-              "Out of space while trying to allocate a block of size 77 in file 'w.c(5000)'\n");
-    EXPECT_EQ(user.live, live);
-    EXPECT_EQ(std::memcmp(manager->table, &before, sizeof before), 0);
-  }
-  user.fail_at = 0;
-  blocks.push_back(memman_alloc("w.c", 6000, manager, 1, 77));
-  EXPECT_EQ(manager->table->capacity, 2048u);
-  EXPECT_EQ(manager->table->entries[1024].block_number, 1024u);
-  for (void* b : blocks) memman_free("w.c", 7000, manager, b);
-  EXPECT_EQ(memman_delete("w.c", 8000, &manager), 0u);
-  EXPECT_EQ(user.live, 0);
-}
-
 // ---- Fatal texts -------------------------------------------------------------
 
 class MemmanTrackedDeathTest : public MemmanTracked {
@@ -578,10 +560,10 @@ TEST_F(MemmanTrackedDeathTest, GuardDamageNamesGuardBlockPositionAndBytes) {
     const unsigned char good = p[c.at];
     p[c.at] = c.value;
     const bool begin = c.at < 0;
-    const std::string text =
-        std::string(c.op == kScan ? "Scanning memory at 'g.c'(12)\n" : "") +
-        "Fatal error in file 'g.c(12)'\nMessage(): *** Block " + (begin ? "begin" : "end") +
-        " guard violation. #" + std::to_string(number++) + " at <a>. " + c.detail + "\n";
+    const std::string text = std::string(c.op == kScan ? "Scanning memory at 'g.c'(12)\n" : "") +
+                             "Fatal error in file 'g.c(12)'\nMessage(): *** Block " +
+                             (begin ? "begin" : "end") + " guard violation. #" +
+                             std::to_string(number++) + " at <a>. " + c.detail + "\n";
     EXPECT_EXIT(
         {
           announce(begin ? raw_of(p) : p + c.size);
@@ -627,7 +609,8 @@ TEST_F(MemmanTrackedDeathTest, ScanOfAnUntrustedManagerWritesToStandardOutputOnl
         hostkit_test::stdout_to_stderr();
         memman_scan("n.c", 5, nullptr, 0);
       },
-      ended_with_minus_99, StartsWithText("Fatal error in file 'n.c(5)'\nMessage(): memman=NULL\n"));
+      ended_with_minus_99,
+      StartsWithText("Fatal error in file 'n.c(5)'\nMessage(): memman=NULL\n"));
   EXPECT_EXIT(
       {
         hostkit_test::stdout_to_stderr();
@@ -669,8 +652,8 @@ TEST_P(MemmanFatalLevelDeathTest, LinesCallbackTraceFileAndExit) {
         memman_free("q.c", 2, manager_, p);
       },
       ended_with_minus_99,
-      StartsWithText((level > 1000 ? "Fatal error in file 'q.c(2)'\n" + message : "") + "[cb|q.c|2|" +
-                     message + "|-1]"));
+      StartsWithText((level > 1000 ? "Fatal error in file 'q.c(2)'\n" + message : "") +
+                     "[cb|q.c|2|" + message + "|-1]"));
   // The trace file got both lines, and was closed after them.
   const std::vector<std::string> trace = read_lines(path);
   std::remove(path.c_str());
@@ -703,44 +686,44 @@ TEST(MemmanFatalCallbackDeathTest, EnvironmentManagerAbortsWithItsFourLines) {
 
 // ---- Several threads on one manager -----------------------------------------
 
+constexpr int kWindow = 300;
+
 struct Worker {
   MemManager* manager;
   unsigned char mark;
-  int damaged;
-};
-
-// Allocates, reallocates and frees 100000 blocks, keeping a window of them
-// alive so that the threads together push the table past its first size.
-void* churn(void* argument) {
-  auto* worker = static_cast<Worker*>(argument);
-  constexpr int kWindow = 300;
+  int damaged = 0;
   unsigned char* live[kWindow] = {};
   uint64_t sizes[kWindow] = {};
-  auto check = [&](int slot) {
+  void check(int slot) {
     for (uint64_t i = 0; i < sizes[slot]; ++i) {
-      if (live[slot][i] != worker->mark) {
-        ++worker->damaged;
+      if (live[slot][i] != mark) {
+        ++damaged;
         return;
       }
     }
-  };
-  for (int i = 0; i < 100000 + kWindow; ++i) {
+  }
+};
+
+// Allocates, reallocates and frees 100000 blocks, leaving a window of them
+// alive so that the threads together push the table past its first size.
+void* churn(void* argument) {
+  auto* w = static_cast<Worker*>(argument);
+  for (int i = 0; i < 100000; ++i) {
     const int slot = i % kWindow;
-    if (live[slot] != nullptr) {
-      check(slot);
+    if (w->live[slot] != nullptr) {
+      w->check(slot);
       if (i % 2 == 0) {
-        live[slot] = bytes(memman_realloc("c.c", 1, worker->manager, live[slot], sizes[slot] + 24));
-        check(slot);
-        sizes[slot] += 24;
-        std::memset(live[slot], worker->mark, sizes[slot]);
+        w->live[slot] =
+            bytes(memman_realloc("c.c", 1, w->manager, w->live[slot], w->sizes[slot] + 24));
+        w->check(slot);  // the old bytes moved with the block
+        w->sizes[slot] += 24;
+        std::memset(w->live[slot], w->mark, w->sizes[slot]);
       }
-      memman_free("c.c", 2, worker->manager, live[slot]);
-      live[slot] = nullptr;
+      memman_free("c.c", 2, w->manager, w->live[slot]);
     }
-    if (i >= 100000) continue;  // the last round only frees
-    sizes[slot] = 1 + static_cast<uint64_t>(i * 7) % 200;
-    live[slot] = bytes(memman_alloc("c.c", 3, worker->manager, 1, sizes[slot]));
-    std::memset(live[slot], worker->mark, sizes[slot]);
+    w->sizes[slot] = 1 + static_cast<uint64_t>(i * 7) % 200;
+    w->live[slot] = bytes(memman_alloc("c.c", 3, w->manager, 1, w->sizes[slot]));
+    std::memset(w->live[slot], w->mark, w->sizes[slot]);
   }
   return nullptr;
 }
@@ -749,23 +732,27 @@ TEST(MemmanThreads, FourThreadsChurningOneManagerLeaveNoDamageAndNoLeak) {
   CountingAllocator user;  // its counts are safe: callbacks run under the manager's lock
   MemManager* manager = user.create_manager(1);
   ASSERT_NE(manager, nullptr);
-  Worker workers[4];
+  Worker workers[4] = {{manager, 'A'}, {manager, 'B'}, {manager, 'C'}, {manager, 'D'}};
   SysThread threads[4];
   for (int t = 0; t < 4; ++t) {
-    workers[t] = Worker{manager, static_cast<unsigned char>(0x41 + t), 0};
     ASSERT_EQ(systhread_create(&threads[t], nullptr, churn, &workers[t]), 0);
   }
   for (int t = 0; t < 4; ++t) EXPECT_EQ(systhread_join(&threads[t], nullptr), 0);
-  for (const Worker& w : workers) EXPECT_EQ(w.damaged, 0);
   EXPECT_EQ(manager->table->next_number, 400000u);
-  EXPECT_GE(manager->table->capacity, 2048u);  // 1200 blocks were alive at once
+  EXPECT_GE(manager->table->capacity, 2048u);
   TextSink sink;
   memman_set_print_callback(manager, TextSink::receive, &sink);
-  EXPECT_EQ(memman_scan("c.c", 5, manager, 0), 0);
-  EXPECT_EQ(sink.text.rfind("Scanning memory at 'c.c'(5)\n"
-                            "Space usage. Number of blocks: 0  Current usage: 0:0:0:0 ",
-                            0),
-            0u);
+  EXPECT_EQ(memman_scan("c.c", 5, manager, 0), 0);  // all 4 x 300 windows are still alive
+  EXPECT_EQ(
+      sink.text.rfind("Scanning memory at 'c.c'(5)\nSpace usage. Number of blocks: 1200  ", 0), 0u)
+      << sink.text;
+  for (Worker& w : workers) {
+    for (int slot = 0; slot < kWindow; ++slot) {
+      w.check(slot);
+      memman_free("c.c", 4, manager, w.live[slot]);
+    }
+    EXPECT_EQ(w.damaged, 0);
+  }
   sink.text.clear();
   EXPECT_EQ(memman_delete("c.c", 6, &manager), 0u);
   EXPECT_EQ(sink.text.find("**** ALLOCATED"), std::string::npos);
