@@ -6,7 +6,7 @@
 
 #include <ctime>
 
-#include "systhread.h"
+#include "systhread_internal.h"
 
 namespace {
 
@@ -79,13 +79,7 @@ int32_t syscond_timedwait(syscond* cond, sysmutex* mutex, const int64_t* deadlin
 
 int32_t systhread_create(SysThread* thread, const void* /*attributes*/, SysThreadStart start,
                          void* argument) {
-  if (thread == nullptr) return SYSTHREAD_ERR_NULL;
-  thread->start = start;
-  thread->argument = argument;
-  thread->handle = nullptr;
-  thread->done = nullptr;
-  thread->result = nullptr;
-  if (start == nullptr) return SYSTHREAD_ERR_NULL;
+  if (!systhread_prepare(thread, start, argument)) return SYSTHREAD_ERR_NULL;
   // Without its `done` event a thread couldn't be joined: no event, no thread.
   thread->done = new_event();
   if (thread->done == nullptr) return SYSTHREAD_ERR_NULL;
