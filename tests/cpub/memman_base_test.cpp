@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include "cpub.h"
 #include "test_support.h"
@@ -188,6 +189,31 @@ TEST(SysMutex, NullIsRefusedAndTheOwnerMayLockAgain) {
   EXPECT_EQ(sysmutex_unlock(&mutex), 0);
   EXPECT_EQ(sysmutex_unlock(&mutex), 0);
   EXPECT_EQ(sysmutex_destroy(&mutex), 0);
+}
+
+TEST(SysMutex, FourThreadsEnteringTwiceLoseNoIncrement) {
+  // Each increment is a separate read and write of a volatile counter, so
+  // without exclusion the threads overwrite each other's steps.
+  sysmutex mutex;
+  ASSERT_EQ(sysmutex_create(&mutex), 0);
+  volatile long counter = 0;
+  auto work = [&] {
+    for (int i = 0; i < 50000; ++i) {
+      sysmutex_lock(&mutex);
+      sysmutex_lock(&mutex);
+      const long seen = counter;
+      counter = seen + 1;
+      sysmutex_unlock(&mutex);
+      sysmutex_unlock(&mutex);
+    }
+  };
+  std::thread a(work), b(work), c(work), d(work);
+  a.join();
+  b.join();
+  c.join();
+  d.join();
+  EXPECT_EQ(counter, 200000);
+  sysmutex_destroy(&mutex);
 }
 
 }  // namespace
