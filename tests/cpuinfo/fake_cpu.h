@@ -1,11 +1,14 @@
-// A fake machine behind the processor identification's port: per-processor
-// leaves, the process and system masks, the thread's mask, and a log of what
-// the code under test asked of it.
+// A fake machine behind the processor identification's port, and the text
+// helpers the cpuinfo tests share.
 #ifndef HOSTKIT_TEST_FAKE_CPU_H
 #define HOSTKIT_TEST_FAKE_CPU_H
 
+#include <algorithm>
 #include <array>
+#include <cstdarg>
+#include <bit>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <map>
 #include <string>
@@ -32,13 +35,52 @@ inline Regs vendor_leaf(uint32_t max_leaf, const char* vendor) {
   return r;
 }
 
+inline std::string without_cr(const std::string& text) {
+  std::string out;
+  for (char c : text) out += c == '\r' ? "" : std::string(1, c);
+  return out;
+}
+
+inline std::string format(const char* pattern, ...) {
+  char text[512];
+  va_list args;
+  va_start(args, pattern);
+  std::vsnprintf(text, sizeof text, pattern, args);
+  va_end(args);
+  return text;
+}
+
+// The walk's trace lines for one processor.
+inline std::string walk_lines(uint64_t mask, uint64_t system, int apic, int pkg, int core,
+                              int smt) {
+  const auto m = static_cast<unsigned long long>(mask);
+  return format(
+      "dwAffinityMask 0x%llx\ndwSystemAffinity 0x%llx\nAPIC_ID = %d\n  AffinityMask = %llu, "
+      "Initial APIC = %d; Physical ID = %d, Core ID = %d,  SMT ID = %d\n",
+      m, static_cast<unsigned long long>(system), apic, m, apic, pkg, core, smt);
+}
+
+// The classification trace's family and model lines.
+inline std::string family_lines(int number, int extended, int model, int extended_model) {
+  return format(
+      "Cpu id family number          = %d\nCpu id extended family number = %d\n"
+      "Cpu id family                 = %d\nCpu id model number           = %d\n"
+      "Cpu id extended model         = %d\nCpu id  model                 = %d\n",
+      number, extended, number + extended, model, extended_model, model + 16 * extended_model);
+}
+
+// The classification trace's last lines.
+inline std::string info_lines(int procid, int l1, int l2, int sse2, int sse3, const char* brand) {
+  return format(
+      "Vegra procid = %d\nL1 = %d\nL2 = %d\nHAS_SSE2: %d \nHAS_SSE3: %d \nproc name str = %s\n",
+      procid, l1, l2, sse2, sse3, brand);
+}
+
+// Per-processor leaves (a missing leaf reads as zeros; subleaves aren't
+// modelled, every read uses subleaf 0), the masks, and a log of the port calls.
 struct FakeCpu {
-  // Leaves of each processor; a leaf missing reads as zeros. Subleaves are
-  // not modelled: every read in processor identification uses subleaf 0.
   std::vector<std::map<uint32_t, Regs>> processors;
-  uint64_t process_mask = 1;
-  uint64_t system_mask = 1;
-  uint64_t thread_mask = 1;
+  uint64_t process_mask, system_mask, thread_mask;
   bool masks_fail = false;
   uint64_t refused = 0;  // processors that won't take the thread
   std::vector<std::string> log;
@@ -46,63 +88,41 @@ struct FakeCpu {
   int reads_before_yield = 0;  // CPUID reads between a move and its yield
   bool moved = false;
 
-  explicit FakeCpu(size_t count = 1, const std::map<uint32_t, Regs>& leaves = {})
-      : processors(count, leaves) {
+  explicit FakeCpu(size_t count = 1) : processors(count) {
     system_mask = count >= 64 ? ~uint64_t{0} : (uint64_t{1} << count) - 1;
     process_mask = thread_mask = system_mask;
     previous_ = cpuinfo_set_port(&kPort);
     current_ = this;
   }
-  ~FakeCpu() {
-    cpuinfo_set_port(previous_);
-    current_ = nullptr;
-  }
-  FakeCpu(const FakeCpu&) = delete;
-  FakeCpu& operator=(const FakeCpu&) = delete;
+  ~FakeCpu() { cpuinfo_set_port(previous_); }
 
-  // Sets a leaf on every processor.
   void set(uint32_t leaf, Regs regs) {
     for (auto& p : processors) p[leaf] = regs;
   }
-  // Sets the initial APIC id (leaf 1 EBX bits 24-31) of processor i.
+  // The initial APIC id (leaf 1 EBX bits 24-31) of processor i.
   void set_apic(size_t i, uint32_t apic) {
     Regs& r = processors.at(i)[1];
     r[1] = (r[1] & 0x00FFFFFF) | (apic << 24);
   }
-  int count(const std::string& entry) const {
-    int n = 0;
-    for (const auto& e : log) n += e == entry;
-    return n;
-  }
+  long count(const std::string& entry) const { return std::ranges::count(log, entry); }
 
  private:
-  static int lowest(uint64_t mask) {
-    for (int i = 0; i < 64; ++i) {
-      if ((mask >> i) & 1) return i;
-    }
-    return -1;
-  }
   static void cpuid(uint32_t leaf, uint32_t, uint32_t regs[4]) {
     FakeCpu* f = current_;
     f->leaves_read.push_back(leaf);
     if (f->moved) ++f->reads_before_yield;
     regs[0] = regs[1] = regs[2] = regs[3] = 0;
-    const int p = lowest(f->thread_mask);
-    if (p < 0 || static_cast<size_t>(p) >= f->processors.size()) return;
-    const auto& leaves = f->processors[static_cast<size_t>(p)];
-    const auto it = leaves.find(leaf);
-    if (it != leaves.end()) std::memcpy(regs, it->second.data(), 16);
+    const auto p = static_cast<size_t>(std::countr_zero(f->thread_mask));
+    if (p >= f->processors.size()) return;
+    const auto it = f->processors[p].find(leaf);
+    if (it != f->processors[p].end()) std::memcpy(regs, it->second.data(), 16);
   }
   static int32_t affinity(uint64_t* process, uint64_t* system) {
     FakeCpu* f = current_;
     f->log.push_back("masks");
-    if (f->masks_fail) {
-      *process = *system = 0;
-      return 0;
-    }
-    *process = f->process_mask;
-    *system = f->system_mask;
-    return 1;
+    *process = f->masks_fail ? 0 : f->process_mask;
+    *system = f->masks_fail ? 0 : f->system_mask;
+    return f->masks_fail ? 0 : 1;
   }
   static uint64_t set_thread(uint64_t mask) {
     FakeCpu* f = current_;
