@@ -29,6 +29,22 @@ void make_processor(FakeCpu& cpu, const char* vendor, uint32_t sig) {
   cpu.set(1, Regs{sig, 0, 0x1, 1u << 26});
 }
 
+// The environment takes its settings from the classification when it is
+// made, silently.
+void expect_environment(int32_t class_setting, int32_t l1, int32_t l2, int32_t sse2,
+                        int32_t sse3) {
+  testing::internal::CaptureStdout();
+  SysEnv* env = sysenv_create(0, 0, nullptr, nullptr, nullptr, nullptr, nullptr);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  ASSERT_NE(env, nullptr);
+  EXPECT_EQ(env->class_setting, class_setting);
+  EXPECT_EQ(env->cache_l1, l1);
+  EXPECT_EQ(env->cache_l2, l2);
+  EXPECT_EQ(env->has_sse2, sse2);
+  EXPECT_EQ(env->has_sse3, sse3);
+  sysenv_destroy(&env);
+}
+
 // Leaf 2 registers for a list of descriptor bytes, in reading order.
 Regs leaf2(std::initializer_list<uint8_t> bytes) {
   Regs r{0, 0, 0, 0};
@@ -87,26 +103,9 @@ TEST(CpuinfoClass, TableAcrossVendorsFamiliesAndModels) {
     EXPECT_EQ(trace.find("cpu type unknown.\n") != std::string::npos, c.unknown);
     EXPECT_EQ(system_info(0, &quiet), "");  // silent runs give the same answer
     EXPECT_EQ(quiet.procid, c.procid);
+    // Class 19 alone sets the class setting's high part. No cache leaves here.
+    expect_environment(c.procid == 19 ? 10010 : 10, 0, 0, 1, 1);
   }
-}
-
-TEST(CpuinfoClass, IntelTraceHasTheCacheLinesOnceAndABrandCutAt48) {
-  FakeCpu cpu;
-  make_processor(cpu, "GenuineIntel", signature(6, 0, 13, 0));
-  cpu.set(2, Regs{0x2C430001, 0x00000000, 0x00000000, 0x80000000});
-  cpu.set(0x80000000, Regs{0x80000004, 0, 0, 0});
-  for (uint32_t leaf : {0x80000002u, 0x80000003u, 0x80000004u}) {
-    cpu.set(leaf, Regs{0x41414141, 0x41414141, 0x41414141, 0x41414141});  // "AAAA" x 4
-  }
-  CpuSystemInfo info{};
-  // Leaf 2 bytes 0x01, 0x00, 0x43, 0x2C: L1 32 (0x2C), L2 512 (0x43). No
-  // leaf 0x80000006, so no override. EDX 0x80000000 prints as unsigned.
-  EXPECT_EQ(system_info(1, &info),
-            "Vegra system information:\nVendor = INTEL\n" + hostkit_test::family_lines(6, 0, 13, 0) +
-                "Cache detection info:\n  Cache_sizes[0] = 742588417\n  Cache_sizes[1] = 0\n"
-                "  Cache_sizes[2] = 0\n  Cache_sizes[3] = 2147483648\n" +
-                hostkit_test::info_lines(8, 32, 512, 1, 1, std::string(48, 'A').c_str()));
-  EXPECT_EQ(info.l3, 0u);
 }
 
 TEST(CpuinfoQuery, SnapshotIsReadOnceWithItsExtendedLeavesGuarded) {
@@ -188,23 +187,33 @@ TEST(CpuinfoCache, DescriptorBytesLastMatchWins) {
   }
 }
 
-TEST(CpuinfoCache, IntelL2ComesFromLeaf80000006WhenItExists) {
+TEST(CpuinfoCache, IntelTraceAndTheLeaf80000006Override) {
   FakeCpu cpu;
-  make_processor(cpu, "GenuineIntel", signature(6, 0, 15, 0));
-  cpu.set(2, leaf2({0x01, 0x44, 0x2C, 0x29}));
+  make_processor(cpu, "GenuineIntel", signature(6, 0, 13, 0));
+  cpu.set(2, Regs{0x2C430001, 0x00000000, 0x00000000, 0x80000000});
+  cpu.set(0x80000000, Regs{0x80000004, 0, 0, 0});
+  for (uint32_t leaf : {0x80000002u, 0x80000003u, 0x80000004u}) {
+    cpu.set(leaf, Regs{0x41414141, 0x41414141, 0x41414141, 0x41414141});  // "AAAA" x 4
+  }
+  CpuSystemInfo info{};
+  // Leaf 2 bytes 0x01, 0x00, 0x43, 0x2C: L1 32 (0x2C), L2 512 (0x43). No
+  // leaf 0x80000006, so no override. EDX 0x80000000 prints as unsigned.
+  EXPECT_EQ(system_info(1, &info),
+            "Vegra system information:\nVendor = INTEL\n" + hostkit_test::family_lines(6, 0, 13, 0) +
+                "Cache detection info:\n  Cache_sizes[0] = 742588417\n  Cache_sizes[1] = 0\n"
+                "  Cache_sizes[2] = 0\n  Cache_sizes[3] = 2147483648\n" +
+                hostkit_test::info_lines(8, 32, 512, 1, 1, std::string(48, 'A').c_str()));
+  EXPECT_EQ(info.l3, 0u);
+  // From 0x80000006 on, its ECX bits 16-31 are L2, a zero all the same.
   cpu.set(0x80000000, Regs{0x80000006, 0, 0, 0});
   cpu.set(0x80000006, Regs{0, 0, 256u << 16 | 0x40, 0});
-  CpuSystemInfo info{};
   system_info(0, &info);
   EXPECT_EQ(info.l1, 32u);
-  EXPECT_EQ(info.l2, 256u);  // not 1024 from 0x44
-  EXPECT_EQ(info.l3, 4096u);
-  cpu.set(0x80000006, Regs{0, 0, 0x40, 0});  // a zero replaces leaf 2's answer all the same
+  EXPECT_EQ(info.l2, 256u);
+  expect_environment(10, 32, 256, 1, 1);
+  cpu.set(0x80000006, Regs{0, 0, 0x40, 0});
   system_info(0, &info);
   EXPECT_EQ(info.l2, 0u);
-  cpu.set(0x80000000, Regs{0x80000005, 0, 0, 0});  // below 0x80000006, leaf 2 stands
-  system_info(0, &info);
-  EXPECT_EQ(info.l2, 1024u);
 }
 
 TEST(CpuinfoCache, AmdQueriesReadTheExtendedLeaves) {
@@ -228,50 +237,15 @@ TEST(CpuinfoCache, AmdQueriesReadTheExtendedLeaves) {
       {0x3C, 0, 0},       {0x1F, 0, 0},       {0x3D, 0, 0},
   };
   for (uint32_t family : {6u, 15u}) {
-    cpu.set(1, Regs{signature(family, 0, 4, 0), 0, 0, 0});
+    cpu.set(1, Regs{signature(family, 0, 4, 0), 0, 0, 1u << 26});  // SSE2, not SSE3
     CpuIdSnapshot s{};
     for (const auto& c : cases) {
       EXPECT_EQ(cpuinfo_query(c.query, &s, 0), family == 6 ? c.family6 : c.family15)
           << "family " << family << " query " << std::hex << c.query;
     }
   }
-}
-
-// The environment takes its settings from the classification when it is
-// made, silently. Every machine has the same leaf 2 and extended leaves.
-TEST(CpuinfoEnvironment, ClassSettingAndCachesComeFromTheProcessor) {
-  const struct {
-    const char* vendor;
-    uint32_t family, ext_family;
-    int32_t class_setting;
-  } cases[] = {
-      // Family 23 (class 19) alone sets the class setting's high part.
-      {"AuthenticAMD", 15, 8, 10010}, {"AuthenticAMD", 15, 0, 10},
-      {"GenuineIntel", 6, 0, 10},     {"HygonGenuine", 6, 0, 10},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.vendor << " " << c.family << "+" << c.ext_family);
-    FakeCpu cpu;
-    cpu.set(0, vendor_leaf(2, c.vendor));
-    cpu.set(1, Regs{signature(c.family, c.ext_family, 1, 0), 0, 0, 1u << 26});
-    cpu.set(2, leaf2({0x01, 0x2C, 0x44}));
-    cpu.set(0x80000000, Regs{0x80000006, 0, 0, 0});
-    cpu.set(0x80000005, Regs{0, 0, 0x20000000, 0});
-    cpu.set(0x80000006, Regs{0, 0, 0x02000000, 0});
-    testing::internal::CaptureStdout();
-    SysEnv* env = sysenv_create(0, 0, nullptr, nullptr, nullptr, nullptr, nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    ASSERT_NE(env, nullptr);
-    EXPECT_EQ(env->class_setting, c.class_setting);
-    // AMD: l1 is ECX 24-31 of 0x80000005, l2 ECX 16-31 of 0x80000006. Intel:
-    // l1 from descriptor 0x2C, l2 from 0x80000006, not 0x44. Others: none.
-    const bool known = std::string(c.vendor) != "HygonGenuine";
-    EXPECT_EQ(env->cache_l1, known ? 32 : 0);
-    EXPECT_EQ(env->cache_l2, known ? 512 : 0);
-    EXPECT_EQ(env->has_sse2, 1);
-    EXPECT_EQ(env->has_sse3, 0);
-    sysenv_destroy(&env);
-  }
+  // System information: L1 from 0x28, L2 from 0x30. Family 15, class 18.
+  expect_environment(10, 0x40, 0x200, 1, 0);
 }
 
 }  // namespace
