@@ -15,14 +15,11 @@ namespace {
 class FullDevice : public ::testing::TestWithParam<int32_t> {};
 
 TEST_P(FullDevice, WritesSayWriteErrorAndKeepTheBytes) {
-  FILE* probe = std::fopen("/dev/full", "wb");
-  if (probe == nullptr) GTEST_SKIP() << "/dev/full is not available here";
-  std::fclose(probe);
   SysEnv* env = sysenv_create(0, 0, nullptr, nullptr, nullptr, nullptr, nullptr);
   SysFile* file = nullptr;
   int32_t status = 0;
   sysfile_open(env, "/dev/full", 0, 0, 1, 0, GetParam(), 6, &file, &status);
-  ASSERT_EQ(status, 0);
+  ASSERT_EQ(status, 0) << "/dev/full opens on every Linux system";
   // Random bytes: the compressors can't shrink them below what reaches the
   // device when the buffer is drained.
   std::mt19937 gen(12345);

@@ -61,8 +61,8 @@ int main(int argc, char** argv) {
       {".txt", SYSFILE_PLAIN}, {".gz", SYSFILE_GZIP}, {".zst", SYSFILE_ZSTD}};
   const uint64_t mib = SYSFILE_BUFFER_SIZE;
   for (const auto& [suffix, kind] : kinds) {
-    for (uint64_t size : {uint64_t{0}, uint64_t{1}, uint64_t{131591}, mib - 1, mib, mib + 1,
-                          3 * mib + 5}) {
+    for (uint64_t size : {uint64_t{0}, uint64_t{1}, uint64_t{8193}, uint64_t{131072},
+                          uint64_t{131591}, mib - 1, mib, mib + 1, 3 * mib + 5}) {
       const std::string data = pattern_text(size, static_cast<uint32_t>(size) + 3);
       for (int32_t text : {0, 1}) {
         const std::string name = "w_" + std::to_string(size) + (text != 0 ? "_text" : "_bin") + suffix;
