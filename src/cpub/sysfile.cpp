@@ -277,6 +277,18 @@ void open_native(SysEnv* env, const SysFileNativePath* path, int32_t text, int32
 
 int32_t* status_or(int32_t* status, int32_t* local) { return status != nullptr ? status : local; }
 
+// The part both line readers share: up to `room` bytes of the next line into
+// `destination`, its end stripped. On failure the destination is an empty
+// text and the status says why (not a reader, or the end of input).
+bool next_line(SysFile* handle, char* destination, uint64_t room, uint64_t* n,
+               int32_t* status) {
+  SysFileState* s = reader(handle);
+  if (s != nullptr && read_line(s, destination, room, n)) return true;
+  destination[0] = '\0';
+  *status = s == nullptr ? SYSFILE_ERR_NOT_READABLE : SYSFILE_ERR_EOF;
+  return false;
+}
+
 }  // namespace
 
 extern "C" {
@@ -536,18 +548,8 @@ void sysfile_gets(SysFile* handle, uint64_t capacity, char* destination, int32_t
     destination[1] = '\0';
     return;
   }
-  SysFileState* s = reader(handle);
-  if (s == nullptr) {
-    destination[0] = '\0';
-    *status = SYSFILE_ERR_NOT_READABLE;
-    return;
-  }
   uint64_t n = 0;
-  if (!read_line(s, destination, capacity - 2, &n)) {
-    destination[0] = '\0';
-    *status = SYSFILE_ERR_EOF;
-    return;
-  }
+  if (!next_line(handle, destination, capacity - 2, &n, status)) return;
   destination[n] = '\n';
   destination[n + 1] = '\0';
 }
@@ -562,20 +564,9 @@ void sysfile_getline(SysFile* handle, uint64_t capacity, uint64_t* length, char*
     if (capacity == 1) destination[0] = '\0';
     return;
   }
-  SysFileState* s = reader(handle);
-  if (s == nullptr) {
-    *length = 0;
-    destination[0] = '\0';
-    *status = SYSFILE_ERR_NOT_READABLE;
-    return;
-  }
   uint64_t n = 0;
-  if (!read_line(s, destination, capacity - 1, &n)) {
-    *length = 0;
-    destination[0] = '\0';
-    *status = SYSFILE_ERR_EOF;
-    return;
-  }
+  *length = 0;
+  if (!next_line(handle, destination, capacity - 1, &n, status)) return;
   destination[n] = '\0';
   *length = n;
 }

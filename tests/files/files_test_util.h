@@ -1,20 +1,25 @@
-// Helpers of the file tests: byte files in the test's working folder, and
-// text patterns whose content is easy to reason about.
+// Helpers of the file tests: byte files, text patterns that are easy to
+// reason about, and a recording stream to put behind a file handle.
 #ifndef HOSTKIT_FILES_TEST_UTIL_H
 #define HOSTKIT_FILES_TEST_UTIL_H
 
 #include <zstd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <string>
+#include <vector>
+
+#include "sysfile.h"
 
 namespace files_test {
 
 inline std::string read_bytes(const std::string& path) {
-  std::string data;
   FILE* f = std::fopen(path.c_str(), "rb");
   if (f == nullptr) return "<missing>";
+  std::string data;
   char chunk[65536];
   size_t n;
   while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) data.append(chunk, n);
@@ -29,13 +34,11 @@ inline bool write_bytes(const std::string& path, const std::string& data) {
   return std::fclose(f) == 0 && ok;
 }
 
-// Text of `size` bytes, lines of varying length (0 to 96 letters) each ended
-// by LF: compressible, and with line feeds at irregular places.
+// `size` bytes of lines of 0 to 96 letters, each ended by LF: compressible,
+// with line feeds at irregular places.
 inline std::string pattern_text(uint64_t size, uint32_t seed = 1) {
   std::string s;
-  s.reserve(size);
-  uint32_t x = seed;
-  while (s.size() < size) {
+  for (uint32_t x = seed; s.size() < size;) {
     x = x * 1103515245u + 12345u;
     const uint32_t len = (x >> 16) % 97;
     for (uint32_t i = 0; i < len && s.size() < size; ++i) s += static_cast<char>('a' + (x + i) % 26);
@@ -44,14 +47,10 @@ inline std::string pattern_text(uint64_t size, uint32_t seed = 1) {
   return s;
 }
 
-// LF to CR LF, the text-mode output form.
+// LF to CR LF, the text-mode output form (CR bytes are not looked at).
 inline std::string with_crlf(const std::string& s) {
   std::string out;
-  out.reserve(s.size() + s.size() / 8);
-  for (char c : s) {
-    if (c == '\n') out += '\r';
-    out += c;
-  }
+  for (char c : s) (c == '\n' ? out += "\r\n" : out += c);
   return out;
 }
 
@@ -72,6 +71,58 @@ inline std::string zstd_stream_frame(const std::string& data, int level) {
   ZSTD_freeCCtx(cctx);
   out.resize(o.pos);
   return out;
+}
+
+// A stream that records every call the file object makes, and can refuse
+// bytes or fail its reads on request.
+struct FakeStream {
+  std::string accepted;            // every byte taken, in order
+  std::vector<uint64_t> writes;    // the size asked of each write call
+  int64_t accept_limit = -1;       // at most this many bytes per write call; -1: all
+  std::string input;               // what reads give out
+  size_t at = 0;
+  uint64_t max_read = UINT64_MAX;  // at most this many bytes per read call
+  bool fail_reads = false;         // reads report -1, as a failing gzread does
+  int flushes = 0, reads = 0, closes = 0;
+
+  static FakeStream* self(void* b) { return static_cast<FakeStream*>(b); }
+  static int64_t write(void* b, const void* data, uint64_t size) {
+    FakeStream* f = self(b);
+    f->writes.push_back(size);
+    const uint64_t n = f->accept_limit < 0 ? size : std::min(size, uint64_t(f->accept_limit));
+    f->accepted.append(static_cast<const char*>(data), n);
+    return static_cast<int64_t>(n);
+  }
+  static int64_t read(void* b, void* buffer, uint64_t size) {
+    FakeStream* f = self(b);
+    ++f->reads;
+    if (f->fail_reads) return -1;
+    const uint64_t n = std::min({size, f->max_read, uint64_t{f->input.size() - f->at}});
+    std::memcpy(buffer, f->input.data() + f->at, n);
+    f->at += n;
+    return static_cast<int64_t>(n);
+  }
+  static int32_t flush(void* b) { return ++self(b)->flushes, 0; }
+  static int32_t rewind(void* b) { return self(b)->at = 0, 0; }
+  static int32_t close(void* b) { return ++self(b)->closes, 0; }
+};
+
+// A handle built as sysfile_open builds one, over `fake`; sysfile_close
+// releases it like any other.
+inline SysFile* fake_file(SysEnv* env, FakeStream* fake, bool writer, int32_t text) {
+  auto* file = static_cast<SysFile*>(SYSENV_CALLOC(env, 1, sizeof(SysFile)));
+  auto* s = static_cast<SysFileState*>(SYSENV_CALLOC(env, 1, sizeof(SysFileState)));
+  file->env = env;
+  file->state = s;
+  s->capacity = SYSFILE_BUFFER_SIZE;
+  s->text = text;
+  s->backend = fake;
+  s->close = FakeStream::close;
+  s->write = writer ? FakeStream::write : nullptr;
+  s->flush = writer ? FakeStream::flush : nullptr;
+  s->read = writer ? nullptr : FakeStream::read;
+  s->rewind = writer ? nullptr : FakeStream::rewind;
+  return file;
 }
 
 }  // namespace files_test

@@ -39,11 +39,11 @@ head -c 1000000 lines.txt > part1
 head -c 1700000 lines.txt | tail -c 700000 > part2
 tail -c +1700001 lines.txt > part3
 cat part1 part2 part3 | cmp - lines.txt
-{ gzip -n -c part1; gzip -n -9 -c part2; gzip -n -c empty.txt; gzip -n -1 -c part3; } > lines_members.gz
-{ zstd -q -c part1; zstd -q -19 -c part2; zstd -q -c empty.txt; zstd -q -1 -c part3; } > lines_frames.zst
+{ gzip -n -c part1; gzip -n -9 -c part2; gzip -n -c empty.txt; gzip -n -1 -c part3; } > lines.txt.members.gz
+{ zstd -q -c part1; zstd -q -19 -c part2; zstd -q -c empty.txt; zstd -q -1 -c part3; } > lines.txt.frames.zst
 rm -f part1 part2 part3
 
 # Empty files that hold no member or frame at all.
-: > nothing.gz
-: > nothing.zst
+: > empty.txt.nothing.gz
+: > empty.txt.nothing.zst
 touch done
