@@ -10,6 +10,7 @@
 #include <array>
 #include <bit>
 #include <cstdarg>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -114,7 +115,7 @@ struct FakeCpu {
     Regs& r = processors.at(i)[1];
     r[1] = (r[1] & 0x00FFFFFF) | (apic << 24);
   }
-  long count(const std::string& entry) const { return std::ranges::count(log, entry); }
+  std::ptrdiff_t count(const std::string& entry) const { return std::ranges::count(log, entry); }
 
  private:
   static void cpuid(uint32_t leaf, uint32_t, uint32_t regs[4]) {
