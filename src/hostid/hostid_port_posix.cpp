@@ -99,6 +99,17 @@ int32_t posix_gethostname(void*, HostidProc function, char* buffer, int32_t size
 // The conversion runs in the locale the environment names, whatever the
 // program's own locale is.
 int32_t posix_ansi_to_wide(void*, const char* text, uint16_t* out, int32_t out_count) {
+  // Every character set a POSIX locale can have agrees with ASCII on its first
+  // 128 codes, so an ASCII name (the usual case) needs no locale data.
+  size_t ascii = 0;
+  while (static_cast<unsigned char>(text[ascii]) - 1u < 0x7Fu) ++ascii;
+  if (text[ascii] == '\0') {
+    const auto count = static_cast<int32_t>(ascii + 1);
+    if (out == nullptr) return count;
+    if (count > out_count) return 0;
+    for (size_t i = 0; i <= ascii; ++i) out[i] = static_cast<uint8_t>(text[i]);
+    return count;
+  }
   locale_t locale = newlocale(LC_CTYPE_MASK, "", static_cast<locale_t>(nullptr));
   if (locale == static_cast<locale_t>(nullptr)) {
     locale = newlocale(LC_CTYPE_MASK, "C", static_cast<locale_t>(nullptr));
@@ -219,9 +230,20 @@ bool list_interfaces(std::vector<Interface>& out) {
   return true;
 }
 
+// The list read for a call that asked for the size, kept for the call that
+// follows it with a buffer of that size, so that both see the same adapters
+// and the kernel is asked once.
+std::vector<Interface> g_sized_list;
+bool g_sized = false;
+
 uint32_t posix_adapters(uint32_t, uint32_t, void* buffer, uint32_t* size) {
   std::vector<Interface> interfaces;
-  if (!list_interfaces(interfaces)) return 1;  // a general failure
+  if (buffer != nullptr && g_sized) {
+    interfaces.swap(g_sized_list);
+    g_sized = false;
+  } else if (!list_interfaces(interfaces)) {
+    return 1;  // a general failure
+  }
   if (interfaces.empty()) return HOSTID_STATUS_NO_DATA;
   size_t needed = sizeof(Entry) * interfaces.size();
   for (const Interface& i : interfaces) {
@@ -230,6 +252,8 @@ uint32_t posix_adapters(uint32_t, uint32_t, void* buffer, uint32_t* size) {
   needed += alignof(uint16_t);
   if (buffer == nullptr || *size < needed) {
     *size = static_cast<uint32_t>(needed);
+    g_sized_list = std::move(interfaces);
+    g_sized = true;
     return HOSTID_STATUS_BUFFER_OVERFLOW;
   }
   auto* entries = static_cast<Entry*>(buffer);
