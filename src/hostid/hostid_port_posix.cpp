@@ -232,15 +232,13 @@ bool list_interfaces(std::vector<Interface>& out) {
 
 // The list read for a call that asked for the size, kept for the call that
 // follows it with a buffer of that size, so that both see the same adapters
-// and the kernel is asked once.
+// and the kernel is asked once. An empty list is never kept.
 std::vector<Interface> g_sized_list;
-bool g_sized = false;
 
 uint32_t posix_adapters(uint32_t, uint32_t, void* buffer, uint32_t* size) {
   std::vector<Interface> interfaces;
-  if (buffer != nullptr && g_sized) {
+  if (buffer != nullptr && !g_sized_list.empty()) {
     interfaces.swap(g_sized_list);
-    g_sized = false;
   } else if (!list_interfaces(interfaces)) {
     return 1;  // a general failure
   }
@@ -253,7 +251,6 @@ uint32_t posix_adapters(uint32_t, uint32_t, void* buffer, uint32_t* size) {
   if (buffer == nullptr || *size < needed) {
     *size = static_cast<uint32_t>(needed);
     g_sized_list = std::move(interfaces);
-    g_sized = true;
     return HOSTID_STATUS_BUFFER_OVERFLOW;
   }
   auto* entries = static_cast<Entry*>(buffer);
