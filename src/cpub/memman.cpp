@@ -23,7 +23,7 @@ constexpr char kEndTag[] = "end";
 
 void* untracked_alloc(MemManager* manager, uint64_t count, uint64_t size, bool zeroed) {
   return zeroed ? manager->calloc_callback(manager->user_handle, count, size)
-                : manager->malloc_callback(manager->user_handle, count * size);
+                : memman_call_malloc(manager, count * size);
 }
 
 void* allocate(const char* file, int32_t line, MemManager* manager, uint64_t count, uint64_t size,
@@ -230,7 +230,7 @@ void* memman_realloc(const char* file, int32_t line, MemManager* manager, void* 
 
 void memman_free(const char* file, int32_t line, MemManager* manager, void* pointer) {
   if (manager->tracking == 0) {
-    manager->free_callback(manager->user_handle, pointer);
+    memman_call_free(manager, pointer);
     return;
   }
   memman_tracked_free(file, line, manager, pointer);

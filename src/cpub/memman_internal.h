@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "memman.h"
+#include "sysenv_internal.h"
 
 // Bytes a tracked block adds around the caller's bytes: the row index and the
 // begin guard in front, the end guard behind.
@@ -46,6 +47,22 @@ inline bool memman_operations_read(const MemManager* manager) {
   return manager->trace_file != nullptr ||
          (manager->print_callback != nullptr && manager->table != nullptr &&
           manager->table->message_level > kMemLevelOperation);
+}
+
+// The manager's plain allocation and release through its callbacks. The
+// default allocators, which every environment without allocators of its own
+// uses, run inline here instead of through a call by pointer.
+inline void* memman_call_malloc(const MemManager* manager, uint64_t bytes) {
+  if (manager->malloc_callback == sysenv_default_malloc) return sysenv_malloc_inline(bytes);
+  return manager->malloc_callback(manager->user_handle, bytes);
+}
+
+inline void memman_call_free(const MemManager* manager, void* pointer) {
+  if (manager->free_callback == sysenv_default_free) {
+    sysenv_free_inline(pointer);
+    return;
+  }
+  manager->free_callback(manager->user_handle, pointer);
 }
 
 void memman_emit(MemManager* manager, const char* text, int32_t threshold);

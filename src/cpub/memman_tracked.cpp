@@ -249,7 +249,7 @@ void* memman_tracked_alloc(const char* file, int32_t line, MemManager* manager, 
   void* raw = nullptr;
   if (bytes <= UINT64_MAX - kMemOverhead) {
     raw = zeroed ? manager->calloc_callback(manager->user_handle, bytes + kMemOverhead, 1)
-                 : manager->malloc_callback(manager->user_handle, bytes + kMemOverhead);
+                 : memman_call_malloc(manager, bytes + kMemOverhead);
   }
   if (raw == nullptr) {
     report_out_of_space(manager, file, line, bytes, false);
@@ -295,7 +295,7 @@ void memman_tracked_free(const char* file, int32_t line, MemManager* manager, vo
 
   manager->current_usage -= entry->size;
   if (memman_operations_read(manager)) emit_free_line(manager, file, line, *entry);
-  manager->free_callback(manager->user_handle, raw);
+  memman_call_free(manager, raw);
 
   MemBlockTable* table = manager->table;
   entry->in_use = 0;

@@ -12,19 +12,9 @@
 
 namespace {
 
-constexpr uint64_t kOverAllocation = 40;
-constexpr uintptr_t kAlignment = 32;
-
 SysEnvCLib real_clib() { return {std::malloc, std::calloc, std::realloc, std::free}; }
-SysEnvCLib g_clib = real_clib();
 
-bool wraps(uint64_t size) { return size + kOverAllocation < size; }
-
-void* place(void* raw) {
-  const uintptr_t result = sysenv_default_place(reinterpret_cast<uintptr_t>(raw));
-  std::memcpy(reinterpret_cast<void*>(result - sizeof(void*)), &raw, sizeof(void*));
-  return reinterpret_cast<void*>(result);
-}
+bool wraps(uint64_t size) { return size + kSysEnvOverAllocation < size; }
 
 void* hidden_block(void* pointer) {
   void* raw = nullptr;
@@ -34,29 +24,25 @@ void* hidden_block(void* pointer) {
 
 }  // namespace
 
+SysEnvCLib g_sysenv_clib = real_clib();
+
 extern "C" {
 
 SysEnvCLib sysenv_set_clib(const SysEnvCLib* clib) {
-  const SysEnvCLib previous = g_clib;
-  g_clib = clib != nullptr ? *clib : real_clib();
+  const SysEnvCLib previous = g_sysenv_clib;
+  g_sysenv_clib = clib != nullptr ? *clib : real_clib();
   return previous;
 }
 
-uintptr_t sysenv_default_place(uintptr_t raw) {
-  return raw + kOverAllocation - ((raw + 8) % kAlignment);
-}
+uintptr_t sysenv_default_place(uintptr_t raw) { return sysenv_place_inline(raw); }
 
-void* sysenv_default_malloc(void* /*handle*/, uint64_t size) {
-  if (wraps(size) || size == 0) return nullptr;
-  void* raw = g_clib.malloc(static_cast<size_t>(size + kOverAllocation));
-  return raw != nullptr ? place(raw) : nullptr;
-}
+void* sysenv_default_malloc(void* /*handle*/, uint64_t size) { return sysenv_malloc_inline(size); }
 
 void* sysenv_default_calloc(void* /*handle*/, uint64_t count, uint64_t size) {
   const uint64_t total = count * size;
   if (wraps(total) || total == 0) return nullptr;
-  void* raw = g_clib.calloc(static_cast<size_t>(total + kOverAllocation), 1);
-  return raw != nullptr ? place(raw) : nullptr;
+  void* raw = g_sysenv_clib.calloc(static_cast<size_t>(total + kSysEnvOverAllocation), 1);
+  return raw != nullptr ? sysenv_dress_inline(raw) : nullptr;
 }
 
 void* sysenv_default_realloc(void* handle, void* pointer, uint64_t size) {
@@ -68,7 +54,7 @@ void* sysenv_default_realloc(void* handle, void* pointer, uint64_t size) {
   if (pointer == nullptr) return sysenv_default_malloc(handle, size);
   void* old_raw = hidden_block(pointer);
   const uintptr_t offset = reinterpret_cast<uintptr_t>(pointer) - reinterpret_cast<uintptr_t>(old_raw);
-  void* raw = g_clib.realloc(old_raw, static_cast<size_t>(size + kOverAllocation));
+  void* raw = g_sysenv_clib.realloc(old_raw, static_cast<size_t>(size + kSysEnvOverAllocation));
   if (raw == nullptr) return nullptr;
   // The content moved with the block, so the caller's bytes stay at the same
   // distance from its start.
@@ -77,10 +63,7 @@ void* sysenv_default_realloc(void* handle, void* pointer, uint64_t size) {
   return result;
 }
 
-void sysenv_default_free(void* /*handle*/, void* pointer) {
-  if (pointer == nullptr) return;
-  g_clib.free(hidden_block(pointer));
-}
+void sysenv_default_free(void* /*handle*/, void* pointer) { sysenv_free_inline(pointer); }
 
 SysEnv* sysenv_create(int32_t mode, int32_t tracking, void* user_handle,
                       SysEnvMallocCallback user_malloc, SysEnvCallocCallback user_calloc,
