@@ -1,11 +1,36 @@
-// The lock on POSIX, built to behave as a Windows critical section with a
-// spin count of 4000: recursive for the thread that holds it, and spinning a
-// while on a contended lock before it sleeps. The word `state` is 0 when
-// free, 1 when held, 2 when held with sleepers; sleeping and waking go
-// through C++20 atomic wait and notify (a futex on Linux). An uncontended
-// lock and unlock is one atomic operation each.
+// The lock on POSIX (Linux), built to behave as a Windows critical section
+// with a spin count of 4000: recursive for the thread that holds it, and
+// spinning a while on a contended lock before it sleeps on a futex.
+//
+// Most locks here are only ever taken by one thread (a memory manager used
+// by one thread, for one), and an atomic read-modify-write costs as much as
+// the rest of a tracked allocation. So a lock starts out biased to the first
+// thread that takes it: that thread takes and releases it with plain stores
+// to a flag of its own. The first other thread that wants the lock revokes
+// the bias for good, and from then on every thread goes through the shared
+// lock word: one compare-and-swap to take it, a plain store to release it.
+//
+// Both plain-store protocols rest on the same asymmetric barrier. A thread
+// storing a flag and then reading the other side's word may see a stale word
+// while its store still sits in its processor's store buffer. The other side
+// (the revoking thread, or a thread about to sleep on the shared word) first
+// publishes its own word and then forces a full barrier on every running
+// thread of the process (membarrier). After it, either the fast thread's
+// store is visible to the slow side, or the fast thread's read comes after
+// the barrier and sees the slow side's word. The barrier's cost falls only on
+// a revocation, once in a lock's life, and on a thread that has spun 4000
+// times and is about to sleep. Where the kernel offers no such barrier, locks
+// are never biased and the shared release is an atomic exchange, which
+// orders its store before its read by itself.
+#include <linux/futex.h>
+#include <linux/membarrier.h>
+#include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <cstdint>
+#include <ctime>
 #include <new>
 
 #include "sysmutex.h"
@@ -14,10 +39,23 @@ namespace {
 
 constexpr int kSpinCount = 4000;
 
+// The bias's phases. Only `kRevoked` lets a thread other than the bias
+// thread take the shared word: it is set after the barrier, once the bias
+// thread was seen not holding.
+constexpr uint32_t kBiased = 0;
+constexpr uint32_t kRevoking = 1;
+constexpr uint32_t kRevoked = 2;
+
 struct RecursiveLock {
-  std::atomic<uint32_t> state{0};
-  uint32_t depth = 0;  // written only by the owner
-  std::atomic<const void*> owner{nullptr};
+  std::atomic<uint32_t> state{0};  // the shared word: 0 free, 1 held
+  std::atomic<uint32_t> sleepers{0};
+  std::atomic<const void*> owner{nullptr};  // holder through the shared word
+  uint32_t depth = 0;                       // written only by that holder
+  std::atomic<uint32_t> phase{kBiased};
+  std::atomic<const void*> bias{nullptr};  // the bias thread, once one took the lock
+  // The bias thread's flag: its depth of holding through the bias, written
+  // only by that thread.
+  std::atomic<uint32_t> bias_depth{0};
 };
 
 static_assert(sizeof(RecursiveLock) <= sizeof(sysmutex), "sysmutex too small for the lock");
@@ -31,21 +69,115 @@ RecursiveLock* native(sysmutex* mutex) {
   return std::launder(reinterpret_cast<RecursiveLock*>(mutex->opaque));
 }
 
-void acquire(RecursiveLock* lock) {
+long membarrier(int command) { return syscall(SYS_membarrier, command, 0, 0); }
+
+// Whether the process-wide barrier is registered and usable; decided once.
+bool register_barrier() {
+  const long offered = membarrier(MEMBARRIER_CMD_QUERY);
+  return offered > 0 && (offered & MEMBARRIER_CMD_PRIVATE_EXPEDITED) != 0 &&
+         membarrier(MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED) == 0;
+}
+
+bool g_barrier = false;
+
+void futex(std::atomic<uint32_t>* word, int operation, uint32_t value) {
+  syscall(SYS_futex, reinterpret_cast<uint32_t*>(word), operation | FUTEX_PRIVATE_FLAG, value,
+          nullptr, nullptr, 0);
+}
+
+// Keeps the compiler from moving a read above the store before it; the
+// processor's own reordering is what the other side's barrier covers.
+void keep_order() { std::atomic_signal_fence(std::memory_order_seq_cst); }
+
+bool try_take(RecursiveLock* lock) {
   uint32_t seen = 0;
-  if (lock->state.compare_exchange_strong(seen, 1, std::memory_order_acquire)) return;
+  return lock->state.compare_exchange_strong(seen, 1, std::memory_order_acquire);
+}
+
+[[gnu::noinline]] void take_contended(RecursiveLock* lock) {
   for (int i = 0; i < kSpinCount; ++i) {
-    if (lock->state.load(std::memory_order_relaxed) == 0) {
-      seen = 0;
-      if (lock->state.compare_exchange_weak(seen, 1, std::memory_order_acquire)) return;
+    if (lock->state.load(std::memory_order_relaxed) == 0 && try_take(lock)) return;
+    __builtin_ia32_pause();
+  }
+  for (;;) {
+    lock->sleepers.fetch_add(1, std::memory_order_seq_cst);
+    if (g_barrier) membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED);
+    if (try_take(lock)) {
+      lock->sleepers.fetch_sub(1, std::memory_order_relaxed);
+      return;
+    }
+    futex(&lock->state, FUTEX_WAIT, 1);
+    lock->sleepers.fetch_sub(1, std::memory_order_relaxed);
+    if (try_take(lock)) return;
+  }
+}
+
+void take_shared(RecursiveLock* lock) {
+  if (!try_take(lock)) take_contended(lock);
+}
+
+void release_shared(RecursiveLock* lock) {
+  if (g_barrier) {
+    lock->state.store(0, std::memory_order_release);
+    keep_order();
+  } else {
+    lock->state.exchange(0, std::memory_order_seq_cst);
+  }
+  if (lock->sleepers.load(std::memory_order_relaxed) != 0) futex(&lock->state, FUTEX_WAKE, 1);
+}
+
+// Ends the bias for good: after the barrier the bias thread sees the phase
+// and stays off its flag, and once its flag reads clear it holds nothing.
+// The wait lasts as long as the bias thread's current hold, once per lock.
+[[gnu::noinline]] void revoke(RecursiveLock* lock) {
+  uint32_t biased = kBiased;
+  lock->phase.compare_exchange_strong(biased, kRevoking, std::memory_order_seq_cst);
+  membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED);
+  for (int round = 0; lock->bias_depth.load(std::memory_order_acquire) != 0; ++round) {
+    if (round < kSpinCount) {
+      __builtin_ia32_pause();
+    } else if (round < 2 * kSpinCount) {
+      sched_yield();
+    } else {
+      const timespec pause{0, 50'000};
+      nanosleep(&pause, nullptr);
     }
   }
-  // Sleep, marking the lock as having sleepers so that its release wakes one.
-  seen = lock->state.exchange(2, std::memory_order_acquire);
-  while (seen != 0) {
-    lock->state.wait(2, std::memory_order_relaxed);
-    seen = lock->state.exchange(2, std::memory_order_acquire);
+  lock->phase.store(kRevoked, std::memory_order_release);
+}
+
+// The bias thread's first hold: the flag is raised, and then the phase
+// read; if the bias is being revoked, the flag comes down again.
+bool take_biased(RecursiveLock* lock) {
+  lock->bias_depth.store(1, std::memory_order_relaxed);
+  keep_order();
+  if (lock->phase.load(std::memory_order_acquire) == kBiased) return true;
+  lock->bias_depth.store(0, std::memory_order_release);
+  return false;
+}
+
+// A thread's way in when it is not the bias thread, or the bias is gone.
+[[gnu::noinline]] void take_unbiased(RecursiveLock* lock, const void* self) {
+  if (lock->owner.load(std::memory_order_relaxed) == self) {
+    ++lock->depth;
+    return;
   }
+  const uint32_t phase = lock->phase.load(std::memory_order_acquire);
+  if (phase == kBiased) {
+    // The first thread to come claims the bias; any other ends it.
+    const void* bias = nullptr;
+    if (lock->bias.compare_exchange_strong(bias, self, std::memory_order_relaxed) &&
+        take_biased(lock)) {
+      return;
+    }
+    if (bias != nullptr) revoke(lock);
+  } else if (phase == kRevoking && lock->bias.load(std::memory_order_relaxed) != self) {
+    // Some thread is revoking; the bias thread may still hold.
+    revoke(lock);
+  }
+  take_shared(lock);
+  lock->owner.store(self, std::memory_order_relaxed);
+  lock->depth = 1;
 }
 
 }  // namespace
@@ -54,7 +186,10 @@ extern "C" {
 
 int32_t sysmutex_create(sysmutex* mutex) {
   if (mutex == nullptr) return 1;
-  new (mutex->opaque) RecursiveLock;
+  static const bool barrier = register_barrier();
+  g_barrier = barrier;
+  RecursiveLock* lock = new (mutex->opaque) RecursiveLock;
+  if (!barrier) lock->phase.store(kRevoked, std::memory_order_relaxed);
   return 0;
 }
 
@@ -62,24 +197,40 @@ int32_t sysmutex_lock(sysmutex* mutex) {
   if (mutex == nullptr) return 1;
   RecursiveLock* lock = native(mutex);
   const void* self = &t_identity;
-  if (lock->owner.load(std::memory_order_relaxed) == self) {
-    ++lock->depth;
-    return 0;
+  if (lock->bias.load(std::memory_order_relaxed) == self) {
+    const uint32_t depth = lock->bias_depth.load(std::memory_order_relaxed);
+    if (depth != 0) {
+      lock->bias_depth.store(depth + 1, std::memory_order_relaxed);
+      return 0;
+    }
+    if (take_biased(lock)) return 0;
   }
-  acquire(lock);
-  lock->owner.store(self, std::memory_order_relaxed);
-  lock->depth = 1;
+  take_unbiased(lock, self);
   return 0;
 }
 
 int32_t sysmutex_unlock(sysmutex* mutex) {
   if (mutex == nullptr) return 1;
   RecursiveLock* lock = native(mutex);
+  const void* self = &t_identity;
+  if (lock->bias.load(std::memory_order_relaxed) == self) {
+    const uint32_t depth = lock->bias_depth.load(std::memory_order_relaxed);
+    // The usual depth 1 is released with a constant, which a following
+    // take doesn't have to wait for.
+    if (depth == 1) {
+      lock->bias_depth.store(0, std::memory_order_release);
+      return 0;
+    }
+    if (depth != 0) {
+      lock->bias_depth.store(depth - 1, std::memory_order_release);
+      return 0;
+    }
+  }
   // Only the owner may let go.
-  if (lock->owner.load(std::memory_order_relaxed) != &t_identity) return 1;
+  if (lock->owner.load(std::memory_order_relaxed) != self) return 1;
   if (--lock->depth > 0) return 0;
   lock->owner.store(nullptr, std::memory_order_relaxed);
-  if (lock->state.exchange(0, std::memory_order_release) == 2) lock->state.notify_one();
+  release_shared(lock);
   return 0;
 }
 
