@@ -164,14 +164,20 @@ std::map<int, double> run_asan_peer() {
 
 int main(int argc, char** argv) {
   bool with_peer = true;
+  // The repetitions of all benchmarks run interleaved in random order, so a
+  // slow spell of the machine falls on ours and the peer's runs alike; a
+  // later flag on the command line overrides this one.
+  static char interleave[] = "--benchmark_enable_random_interleaving=true";
   std::vector<char*> args;
   for (int i = 0; i < argc; ++i) {
+    if (i == 1) args.push_back(interleave);
     if (std::strcmp(argv[i], "--no-asan-peer") == 0) {
       with_peer = false;
     } else {
       args.push_back(argv[i]);
     }
   }
+  if (argc == 1) args.push_back(interleave);
   int count = static_cast<int>(args.size());
   benchmark::Initialize(&count, args.data());
   g_shared = with_defaults(1);
