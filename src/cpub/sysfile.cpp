@@ -8,6 +8,10 @@
 #include <cstdio>
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "sysenv_stream.h"
 #include "sysfile_internal.h"
 #include "sysfile_os.h"
@@ -108,8 +112,12 @@ int32_t put_byte(SysFileState* s, unsigned char c) {
 }
 
 // Text output: runs between line feeds are appended whole, each LF goes
-// through the translation. The first failure ends the output.
+// through the translation. The first failure ends the output. Without
+// translation a LF is an ordinary byte, and the runs with their LFs are the
+// same bytes in the same order as one append of the whole data, which is
+// what such a file gets: no search for LFs, no step per line.
 int32_t put_text(SysFileState* s, const unsigned char* data, uint64_t n) {
+  if (s->text == 0) return n > 0 ? append(s, data, n) : SYSFILE_OK;
   while (n > 0) {
     const auto* lf = static_cast<const unsigned char*>(std::memchr(data, kLf, static_cast<size_t>(n)));
     const uint64_t run = lf != nullptr ? static_cast<uint64_t>(lf - data) : n;
@@ -136,6 +144,66 @@ void refill(SysFileState* s) {
   s->count = static_cast<uint64_t>(n) < s->capacity ? static_cast<uint64_t>(n) : s->capacity;
 }
 
+// Copies up to `n` bytes (1 to 16) from `from` to `to` without touching a
+// byte of either beyond them: two overlapping moves of the widest size that
+// fits.
+inline void copy_short(unsigned char* to, const unsigned char* from, uint64_t n) {
+  if (n >= 8) {
+    uint64_t a, b;
+    std::memcpy(&a, from, 8);
+    std::memcpy(&b, from + n - 8, 8);
+    std::memcpy(to, &a, 8);
+    std::memcpy(to + n - 8, &b, 8);
+  } else if (n >= 4) {
+    uint32_t a, b;
+    std::memcpy(&a, from, 4);
+    std::memcpy(&b, from + n - 4, 4);
+    std::memcpy(to, &a, 4);
+    std::memcpy(to + n - 4, &b, 4);
+  } else {
+    to[0] = from[0];
+    to[n / 2] = from[n / 2];
+    to[n - 1] = from[n - 1];
+  }
+}
+
+// Copies from `from` to `to` up to and including the first LF, at most
+// `limit` bytes, in one pass: each 16 bytes are searched and stored
+// together. Returns the number copied; `found` tells whether a LF ended it.
+// Nothing is written past the bytes copied, and nothing read past `limit`.
+inline uint64_t copy_through_lf(unsigned char* to, const unsigned char* from, uint64_t limit,
+                                bool* found) {
+  uint64_t i = 0;
+#if defined(__SSE2__)
+  const __m128i lf = _mm_set1_epi8(static_cast<char>(kLf));
+  for (; i + 16 <= limit; i += 16) {
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + i));
+    const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, lf)));
+    if (mask != 0) {
+      const uint64_t n = i + static_cast<uint64_t>(__builtin_ctz(mask)) + 1;
+      // The line's last 16 bytes end at its LF; shorter lines are copied
+      // in small moves.
+      if (n >= 16) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(to + n - 16),
+                         _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + n - 16)));
+      } else {
+        copy_short(to, from, n);
+      }
+      *found = true;
+      return n;
+    }
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(to + i), v);
+  }
+#endif
+  // The last bytes before `limit`, fewer than 16.
+  const auto* lf_at =
+      i < limit ? static_cast<const unsigned char*>(std::memchr(from + i, kLf, limit - i)) : nullptr;
+  const uint64_t n = lf_at != nullptr ? static_cast<uint64_t>(lf_at - from) + 1 : limit;
+  if (n > i) std::memcpy(to + i, from + i, static_cast<size_t>(n - i));
+  *found = lf_at != nullptr;
+  return n;
+}
+
 // Collects one line of at most `room` bytes into `out` and strips its end.
 // False when the input had nothing left.
 // Inlined into both readers: it is the whole cost of reading a short line.
@@ -148,16 +216,14 @@ void refill(SysFileState* s) {
     const uint64_t unread = s->count - s->position;
     const uint64_t take = unread < room - collected ? unread : room - collected;
     const unsigned char* from = s->buffer + s->position;
-    const auto* lf = take > 0 ? static_cast<const unsigned char*>(
-                                    std::memchr(from, kLf, static_cast<size_t>(take)))
-                              : nullptr;
-    const uint64_t n = lf != nullptr ? static_cast<uint64_t>(lf - from) + 1 : take;
-    if (n > 0) std::memcpy(out + collected, from, static_cast<size_t>(n));
+    bool found = false;
+    const uint64_t n =
+        copy_through_lf(reinterpret_cast<unsigned char*>(out) + collected, from, take, &found);
     s->position += n;
     collected += n;
     last = from;
     last_n = n;
-    if (lf != nullptr || collected == room) break;
+    if (found || collected == room) break;
     refill(s);
     last_n = 0;  // the refill overwrote it
     if (s->count == 0) {

@@ -46,17 +46,20 @@ class BufferTest : public ::testing::Test {
     return file_->state;
   }
   // Every line until status 4, through getline (gets = false) or gets, with
-  // a room of `capacity`; nothing may land past it.
+  // a room of `capacity`; nothing may land past the bytes that the line
+  // took (its end of up to two bytes, stripped in place) and the terminator.
   Lines lines(uint64_t capacity, bool gets = false) {
     Lines out;
     std::string buffer(capacity + 1, '\x7F');
     for (;;) {
       int32_t status = 0;
       uint64_t length = 99;
+      buffer.assign(capacity + 1, '\x7F');
       gets ? sysfile_gets(file_, capacity, buffer.data(), &status)
            : sysfile_getline(file_, capacity, &length, buffer.data(), &status);
       if (gets) length = std::strlen(buffer.c_str());
-      EXPECT_EQ(buffer[capacity], '\x7F') << "nothing past the capacity";
+      EXPECT_EQ(buffer.find_first_not_of('\x7F', length + 3), std::string::npos)
+          << "a byte written past line " << out.size();
       if (status == SYSFILE_ERR_EOF) {
         EXPECT_EQ(length, 0u);
         EXPECT_EQ(buffer[0], '\0');
@@ -258,6 +261,35 @@ TEST_F(BufferTest, LineEndsStrippedOnceAndLongLinesCutAtTheRoom) {
   EXPECT_EQ(lines(5), (Lines{"abcd", "efgh", "", "xy", "abc", "", "z"}));
   sysfile_rewind(file_);
   EXPECT_EQ(lines(6, true), (Lines{"abcd\n", "efgh\n", "\n", "xy\n", "abc\n", "\n", "z\n"}));
+}
+
+TEST_F(BufferTest, LinesOfEveryLengthAroundTheRoom) {
+  // Lines of 0 to 40 bytes before their LF, the odd ones with CR LF, read
+  // with rooms around 16 and 32: a line longer than the room comes in pieces
+  // of the room, the last piece with the rest.
+  std::string input;
+  for (size_t n = 0; n <= 40; ++n) {
+    for (size_t i = 0; i < n; ++i) input += static_cast<char>('a' + (n + i) % 26);
+    input += n % 2 == 1 ? "\r\n" : "\n";
+  }
+  for (uint64_t room : {15u, 16u, 17u, 31u, 32u, 33u, 100u}) {
+    Lines want;
+    for (size_t n = 0; n <= 40; ++n) {
+      std::string line;
+      for (size_t i = 0; i < n; ++i) line += static_cast<char>('a' + (n + i) % 26);
+      const size_t end = n + (n % 2 == 1 ? 2 : 1);  // bytes with the line end
+      size_t at = 0;
+      while (end - at > room) {
+        want.push_back(line.substr(at, room));
+        at += room;
+      }
+      // The rest is the line's tail with its end, which the reader strips;
+      // a CR left alone at the start of the last piece is stripped as well.
+      want.push_back(at < n ? line.substr(at) : "");
+    }
+    reader(input);
+    EXPECT_EQ(lines(room + 1), want) << "room " << room;
+  }
 }
 
 TEST_F(BufferTest, LinesAcrossRefills) {
