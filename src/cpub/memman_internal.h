@@ -7,6 +7,7 @@
 
 #include "memman.h"
 #include "sysenv_internal.h"
+#include "sysmutex_inline.h"
 
 // Bytes a tracked block adds around the caller's bytes: the row index and the
 // begin guard in front, the end guard behind.
@@ -26,10 +27,10 @@ class MemLock {
  public:
   explicit MemLock(MemManager* manager)
       : manager_(manager),
-        held_(manager->lock_enabled != 0 && sysmutex_lock(manager->mutex) == 0),
+        held_(manager->lock_enabled != 0 && sysmutex_enter(manager->mutex) == 0),
         ok_(manager->lock_enabled == 0 || held_) {}
   ~MemLock() {
-    if (held_) sysmutex_unlock(manager_->mutex);
+    if (held_) sysmutex_leave(manager_->mutex);
   }
   MemLock(const MemLock&) = delete;
   MemLock& operator=(const MemLock&) = delete;

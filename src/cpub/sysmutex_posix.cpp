@@ -33,41 +33,13 @@
 #include <ctime>
 #include <new>
 
-#include "sysmutex.h"
+#include "sysmutex_inline.h"
 
 namespace {
 
+using namespace sysmutex_detail;
+
 constexpr int kSpinCount = 4000;
-
-// The bias's phases. Only `kRevoked` lets a thread other than the bias
-// thread take the shared word: it is set after the barrier, once the bias
-// thread was seen not holding.
-constexpr uint32_t kBiased = 0;
-constexpr uint32_t kRevoking = 1;
-constexpr uint32_t kRevoked = 2;
-
-struct RecursiveLock {
-  std::atomic<uint32_t> state{0};  // the shared word: 0 free, 1 held
-  std::atomic<uint32_t> sleepers{0};
-  std::atomic<const void*> owner{nullptr};  // holder through the shared word
-  uint32_t depth = 0;                       // written only by that holder
-  std::atomic<uint32_t> phase{kBiased};
-  std::atomic<const void*> bias{nullptr};  // the bias thread, once one took the lock
-  // The bias thread's flag: its depth of holding through the bias, written
-  // only by that thread.
-  std::atomic<uint32_t> bias_depth{0};
-};
-
-static_assert(sizeof(RecursiveLock) <= sizeof(sysmutex), "sysmutex too small for the lock");
-static_assert(alignof(RecursiveLock) <= alignof(sysmutex), "sysmutex alignment too small");
-
-// A thread's identity: the address of a thread-local byte, distinct for
-// every live thread.
-thread_local char t_identity;
-
-RecursiveLock* native(sysmutex* mutex) {
-  return std::launder(reinterpret_cast<RecursiveLock*>(mutex->opaque));
-}
 
 long membarrier(int command) { return syscall(SYS_membarrier, command, 0, 0); }
 
@@ -84,10 +56,6 @@ void futex(std::atomic<uint32_t>* word, int operation, uint32_t value) {
   syscall(SYS_futex, reinterpret_cast<uint32_t*>(word), operation | FUTEX_PRIVATE_FLAG, value,
           nullptr, nullptr, 0);
 }
-
-// Keeps the compiler from moving a read above the store before it; the
-// processor's own reordering is what the other side's barrier covers.
-void keep_order() { std::atomic_signal_fence(std::memory_order_seq_cst); }
 
 bool try_take(RecursiveLock* lock) {
   uint32_t seen = 0;
@@ -146,18 +114,11 @@ void release_shared(RecursiveLock* lock) {
   lock->phase.store(kRevoked, std::memory_order_release);
 }
 
-// The bias thread's first hold: the flag is raised, and then the phase
-// read; if the bias is being revoked, the flag comes down again.
-bool take_biased(RecursiveLock* lock) {
-  lock->bias_depth.store(1, std::memory_order_relaxed);
-  keep_order();
-  if (lock->phase.load(std::memory_order_acquire) == kBiased) return true;
-  lock->bias_depth.store(0, std::memory_order_release);
-  return false;
-}
+}  // namespace
 
-// A thread's way in when it is not the bias thread, or the bias is gone.
-[[gnu::noinline]] void take_unbiased(RecursiveLock* lock, const void* self) {
+constinit thread_local char sysmutex_detail::t_identity = 0;
+
+void sysmutex_detail::take_unbiased(RecursiveLock* lock, const void* self) {
   if (lock->owner.load(std::memory_order_relaxed) == self) {
     ++lock->depth;
     return;
@@ -180,7 +141,14 @@ bool take_biased(RecursiveLock* lock) {
   lock->depth = 1;
 }
 
-}  // namespace
+int32_t sysmutex_detail::release_unbiased(RecursiveLock* lock, const void* self) {
+  // Only the owner may let go.
+  if (lock->owner.load(std::memory_order_relaxed) != self) return 1;
+  if (--lock->depth > 0) return 0;
+  lock->owner.store(nullptr, std::memory_order_relaxed);
+  release_shared(lock);
+  return 0;
+}
 
 extern "C" {
 
@@ -193,46 +161,9 @@ int32_t sysmutex_create(sysmutex* mutex) {
   return 0;
 }
 
-int32_t sysmutex_lock(sysmutex* mutex) {
-  if (mutex == nullptr) return 1;
-  RecursiveLock* lock = native(mutex);
-  const void* self = &t_identity;
-  if (lock->bias.load(std::memory_order_relaxed) == self) {
-    const uint32_t depth = lock->bias_depth.load(std::memory_order_relaxed);
-    if (depth != 0) {
-      lock->bias_depth.store(depth + 1, std::memory_order_relaxed);
-      return 0;
-    }
-    if (take_biased(lock)) return 0;
-  }
-  take_unbiased(lock, self);
-  return 0;
-}
+int32_t sysmutex_lock(sysmutex* mutex) { return mutex != nullptr ? sysmutex_enter(mutex) : 1; }
 
-int32_t sysmutex_unlock(sysmutex* mutex) {
-  if (mutex == nullptr) return 1;
-  RecursiveLock* lock = native(mutex);
-  const void* self = &t_identity;
-  if (lock->bias.load(std::memory_order_relaxed) == self) {
-    const uint32_t depth = lock->bias_depth.load(std::memory_order_relaxed);
-    // The usual depth 1 is released with a constant, which a following
-    // take doesn't have to wait for.
-    if (depth == 1) {
-      lock->bias_depth.store(0, std::memory_order_release);
-      return 0;
-    }
-    if (depth != 0) {
-      lock->bias_depth.store(depth - 1, std::memory_order_release);
-      return 0;
-    }
-  }
-  // Only the owner may let go.
-  if (lock->owner.load(std::memory_order_relaxed) != self) return 1;
-  if (--lock->depth > 0) return 0;
-  lock->owner.store(nullptr, std::memory_order_relaxed);
-  release_shared(lock);
-  return 0;
-}
+int32_t sysmutex_unlock(sysmutex* mutex) { return mutex != nullptr ? sysmutex_leave(mutex) : 1; }
 
 int32_t sysmutex_destroy(sysmutex* mutex) {
   if (mutex == nullptr) return 1;
