@@ -150,11 +150,34 @@ int32_t sysmutex_detail::release_unbiased(RecursiveLock* lock, const void* self)
   return 0;
 }
 
+namespace {
+
+// The kernel's barrier, registered at the first lock made or asked about.
+bool kernel_barrier() {
+  static const bool registered = register_barrier();
+  return registered;
+}
+
+std::atomic<bool> g_barrier_wanted{true};
+
+}  // namespace
+
+bool sysmutex_detail::barrier_in_use() { return g_barrier_wanted.load() && kernel_barrier(); }
+
+bool sysmutex_detail::use_barrier(bool wanted) {
+  const bool was = g_barrier_wanted.exchange(wanted) && kernel_barrier();
+  // For tests of the lock without the barrier; switched while no thread is
+  // in a lock, since a release and a sleeper must agree on it. Biased locks
+  // made before stay correct: their revocation uses the registered barrier.
+  g_barrier = wanted && kernel_barrier();
+  return was;
+}
+
 extern "C" {
 
 int32_t sysmutex_create(sysmutex* mutex) {
   if (mutex == nullptr) return 1;
-  static const bool barrier = register_barrier();
+  const bool barrier = g_barrier_wanted.load() && kernel_barrier();
   g_barrier = barrier;
   RecursiveLock* lock = new (mutex->opaque) RecursiveLock;
   if (!barrier) lock->phase.store(kRevoked, std::memory_order_relaxed);

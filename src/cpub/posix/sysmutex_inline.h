@@ -56,6 +56,14 @@ inline bool take_biased(RecursiveLock* lock) {
   return false;
 }
 
+// Whether new locks use the process-wide barrier (and so start biased).
+// use_barrier(false) makes later locks unbiased and every release an atomic
+// exchange, as on a kernel without the barrier; use_barrier(true) takes back
+// the barrier if the kernel has it. Returns the setting it replaced. For
+// tests, switched while no thread is in a lock.
+bool barrier_in_use();
+bool use_barrier(bool wanted);
+
 // The ways in and out for a thread that is not the bias thread, or when the
 // bias is gone.
 void take_unbiased(RecursiveLock* lock, const void* self);
