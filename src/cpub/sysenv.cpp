@@ -14,14 +14,6 @@ namespace {
 
 SysEnvCLib real_clib() { return {std::malloc, std::calloc, std::realloc, std::free}; }
 
-bool wraps(uint64_t size) { return size + kSysEnvOverAllocation < size; }
-
-void* hidden_block(void* pointer) {
-  void* raw = nullptr;
-  std::memcpy(&raw, static_cast<char*>(pointer) - sizeof(void*), sizeof(void*));
-  return raw;
-}
-
 }  // namespace
 
 SysEnvCLib g_sysenv_clib = real_clib();
@@ -40,19 +32,19 @@ void* sysenv_default_malloc(void* /*handle*/, uint64_t size) { return sysenv_mal
 
 void* sysenv_default_calloc(void* /*handle*/, uint64_t count, uint64_t size) {
   const uint64_t total = count * size;
-  if (wraps(total) || total == 0) return nullptr;
+  if (sysenv_too_large(total) || total == 0) return nullptr;
   void* raw = g_sysenv_clib.calloc(static_cast<size_t>(total + kSysEnvOverAllocation), 1);
   return raw != nullptr ? sysenv_dress_inline(raw) : nullptr;
 }
 
 void* sysenv_default_realloc(void* handle, void* pointer, uint64_t size) {
-  if (wraps(size)) return nullptr;
+  if (sysenv_too_large(size)) return nullptr;
   if (size == 0) {
     if (pointer != nullptr) sysenv_default_free(handle, pointer);
     return nullptr;
   }
   if (pointer == nullptr) return sysenv_default_malloc(handle, size);
-  void* old_raw = hidden_block(pointer);
+  void* old_raw = sysenv_start_of(pointer);
   const uintptr_t offset = reinterpret_cast<uintptr_t>(pointer) - reinterpret_cast<uintptr_t>(old_raw);
   void* raw = g_sysenv_clib.realloc(old_raw, static_cast<size_t>(size + kSysEnvOverAllocation));
   if (raw == nullptr) return nullptr;

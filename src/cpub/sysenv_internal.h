@@ -38,6 +38,9 @@ extern SysEnvCLib g_sysenv_clib;
 inline constexpr uint64_t kSysEnvOverAllocation = 40;
 inline constexpr uintptr_t kSysEnvAlignment = 32;
 
+// Whether `size` bytes and the over-allocation overflow 64 bits.
+inline bool sysenv_too_large(uint64_t size) { return size + kSysEnvOverAllocation < size; }
+
 inline uintptr_t sysenv_place_inline(uintptr_t raw) {
   return raw + kSysEnvOverAllocation - ((raw + 8) % kSysEnvAlignment);
 }
@@ -49,17 +52,21 @@ inline void* sysenv_dress_inline(void* raw) {
   return reinterpret_cast<void*>(result);
 }
 
+// The start of the C library block under a caller's block.
+inline void* sysenv_start_of(void* pointer) {
+  void* raw = nullptr;
+  std::memcpy(&raw, static_cast<char*>(pointer) - sizeof(void*), sizeof(void*));
+  return raw;
+}
+
 inline void* sysenv_malloc_inline(uint64_t size) {
-  if (size + kSysEnvOverAllocation < size || size == 0) return nullptr;
+  if (sysenv_too_large(size) || size == 0) return nullptr;
   void* raw = g_sysenv_clib.malloc(static_cast<size_t>(size + kSysEnvOverAllocation));
   return raw != nullptr ? sysenv_dress_inline(raw) : nullptr;
 }
 
 inline void sysenv_free_inline(void* pointer) {
-  if (pointer == nullptr) return;
-  void* raw = nullptr;
-  std::memcpy(&raw, static_cast<char*>(pointer) - sizeof(void*), sizeof(void*));
-  g_sysenv_clib.free(raw);
+  if (pointer != nullptr) g_sysenv_clib.free(sysenv_start_of(pointer));
 }
 
 #endif

@@ -94,12 +94,6 @@ inline int32_t sysmutex_leave(sysmutex* mutex) {
   const void* self = &t_identity;
   if (lock->bias.load(std::memory_order_relaxed) == self) {
     const uint32_t depth = lock->bias_depth.load(std::memory_order_relaxed);
-    // The usual depth 1 is released with a constant, which a following
-    // take doesn't have to wait for.
-    if (depth == 1) {
-      lock->bias_depth.store(0, std::memory_order_release);
-      return 0;
-    }
     if (depth != 0) {
       lock->bias_depth.store(depth - 1, std::memory_order_release);
       return 0;
