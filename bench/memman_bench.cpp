@@ -76,23 +76,22 @@ void BM_TrackedPlainCallbacks(benchmark::State& state) {
   memman_delete(__FILE__, __LINE__, &manager);
 }
 
-constexpr int kRepetitions = 5;
-BENCHMARK(BM_RawMallocFree)->Arg(64)->Arg(4096)->Repetitions(kRepetitions);
-BENCHMARK(BM_Untracked)->Arg(64)->Arg(4096)->Repetitions(kRepetitions);
-BENCHMARK(BM_UntrackedPlainCallbacks)->Arg(64)->Arg(4096)->Repetitions(kRepetitions);
-BENCHMARK(BM_Tracked)->Arg(64)->Arg(4096)->Repetitions(kRepetitions);
-BENCHMARK(BM_TrackedPlainCallbacks)->Arg(64)->Arg(4096)->Repetitions(kRepetitions);
+BENCHMARK(BM_RawMallocFree)->Arg(64)->Arg(4096);
+BENCHMARK(BM_Untracked)->Arg(64)->Arg(4096);
+BENCHMARK(BM_UntrackedPlainCallbacks)->Arg(64)->Arg(4096);
+BENCHMARK(BM_Tracked)->Arg(64)->Arg(4096);
+BENCHMARK(BM_TrackedPlainCallbacks)->Arg(64)->Arg(4096);
 BENCHMARK(BM_TrackedShared)
     ->Arg(64)
     ->Arg(4096)
     ->Threads(1)
     ->Threads(4)
-    ->UseRealTime()
-    ->Repetitions(kRepetitions);
+    ->UseRealTime();
 
 struct Result {
   double nanoseconds = 0;       // real time per operation, the best repetition
   double items_per_second = 0;  // all threads together, the best repetition
+  int repetitions = 0;
 };
 
 // Keeps the best of the repetitions of each benchmark: on a shared machine
@@ -107,6 +106,7 @@ class Collector : public benchmark::ConsoleReporter {
       const size_t repeats = name.find("/repeats:");
       if (repeats != std::string::npos) name.erase(repeats, name.find('/', repeats + 1) - repeats);
       Result& result = results[name];
+      ++result.repetitions;
       const double nanoseconds = run.GetAdjustedRealTime();
       if (result.nanoseconds == 0 || nanoseconds < result.nanoseconds) {
         result.nanoseconds = nanoseconds;
@@ -165,19 +165,19 @@ std::map<int, double> run_asan_peer() {
 int main(int argc, char** argv) {
   bool with_peer = true;
   // The repetitions of all benchmarks run interleaved in random order, so a
-  // slow spell of the machine falls on ours and the peer's runs alike; a
-  // later flag on the command line overrides this one.
+  // slow spell of the machine falls on ours and the peer's runs alike, and
+  // there are enough of them for the best to be a quiet one. Flags on the
+  // command line come later and override these.
   static char interleave[] = "--benchmark_enable_random_interleaving=true";
-  std::vector<char*> args;
-  for (int i = 0; i < argc; ++i) {
-    if (i == 1) args.push_back(interleave);
+  static char repetitions[] = "--benchmark_repetitions=11";
+  std::vector<char*> args{argv[0], interleave, repetitions};
+  for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--no-asan-peer") == 0) {
       with_peer = false;
     } else {
       args.push_back(argv[i]);
     }
   }
-  if (argc == 1) args.push_back(interleave);
   int count = static_cast<int>(args.size());
   benchmark::Initialize(&count, args.data());
   g_shared = with_defaults(1);
@@ -186,7 +186,9 @@ int main(int argc, char** argv) {
   memman_delete(__FILE__, __LINE__, &g_shared);
   const std::map<int, double> peer = with_peer ? run_asan_peer() : std::map<int, double>{};
 
-  std::printf("\nRatios, best of %d repetitions (time per allocation + release):\n", kRepetitions);
+  const auto raw_runs = c.results.find("BM_RawMallocFree/64");
+  std::printf("\nRatios, best of %d repetitions (time per allocation + release):\n",
+              raw_runs != c.results.end() ? raw_runs->second.repetitions : 0);
   for (int size : {64, 4096}) {
     auto name = [size](const char* base, const char* suffix = "") {
       char text[128];
