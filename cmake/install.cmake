@@ -10,6 +10,15 @@ foreach(tool hostkit cpuinfo-replay cpuinfo-dump)
   endif()
 endforeach()
 
+# With link-time optimisation the installed libraries carry machine code beside
+# their optimiser form, so a program built without it, or by another compiler,
+# links them all the same.
+if(hostkit_ipo AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  foreach(lib ${hostkit_targets})
+    target_compile_options(${lib} PRIVATE $<$<NOT:$<CONFIG:Debug>>:-ffat-lto-objects>)
+  endforeach()
+endif()
+
 install(TARGETS ${hostkit_targets} EXPORT hostkitTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/hostkit)
