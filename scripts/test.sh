@@ -41,7 +41,7 @@ for preset in "${presets[@]}"; do
     wine_started=1
     scripts/wine-run wineboot > /dev/null 2>&1 || true
   fi
-  ctest --preset "$preset" -j "$jobs" || failed+=("$preset")
+  ctest --preset "$preset" -j "$jobs" --output-on-failure || failed+=("$preset")
 done
 
 if [ ${#failed[@]} -gt 0 ]; then
