@@ -41,7 +41,14 @@ for preset in "${presets[@]}"; do
     wine_started=1
     scripts/wine-run wineboot > /dev/null 2>&1 || true
   fi
-  ctest --preset "$preset" -j "$jobs" --output-on-failure || failed+=("$preset")
+  retries=$root/build/$preset/wine-run-retries.log
+  rm -f "$retries"
+  HOSTKIT_WINE_RETRY_LOG=$retries ctest --preset "$preset" -j "$jobs" --output-on-failure ||
+    failed+=("$preset")
+  if [ -s "$retries" ]; then
+    echo "Runs under Wine made again because the program never started:"
+    cat "$retries"
+  fi
 done
 
 if [ ${#failed[@]} -gt 0 ]; then
