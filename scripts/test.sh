@@ -46,7 +46,7 @@ for preset in "${presets[@]}"; do
   HOSTKIT_WINE_RETRY_LOG=$retries ctest --preset "$preset" -j "$jobs" --output-on-failure ||
     failed+=("$preset")
   if [ -s "$retries" ]; then
-    echo "Runs under Wine made again because the program never started:"
+    echo "Runs under Wine made again after failing for Wine's reasons:"
     cat "$retries"
   fi
 done
