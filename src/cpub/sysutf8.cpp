@@ -7,6 +7,8 @@
 #include <emmintrin.h>
 #endif
 
+#include "unicode.h"
+
 namespace {
 
 constexpr uint16_t kReplacement = 0x2E;
@@ -121,11 +123,7 @@ uint64_t sysutf8_to_utf16(const char* source, uint16_t* destination, uint64_t* c
         // Half a pair would be a broken text; leave the character for the
         // caller's next buffer instead.
         if (destination != nullptr && limit - units < 2) break;
-        const uint32_t v = seq.value - 0x10000;
-        if (destination != nullptr) {
-          destination[units] = static_cast<uint16_t>(0xD800 + (v >> 10));
-          destination[units + 1] = static_cast<uint16_t>(0xDC00 + (v & 0x3FF));
-        }
+        if (destination != nullptr) unicode::surrogate_pair(seq.value, destination + units);
         units += 2;
       }
       i += seq.length;
