@@ -51,21 +51,35 @@ uint64_t effective_alignment(uint64_t alignment) {
   return a;
 }
 
-// Lists the live rows of a tracked manager; returns how many there were.
+// Lists the blocks left on a tracked manager; returns how many there were.
+// A print callback may allocate from this manager while the lines go out:
+// the listing is of the blocks that were live when it began, and rows are
+// read again by their index after each line, as a callback may have moved
+// the table.
 uint64_t list_leaks(MemManager* manager) {
   const MemBlockTable* table = manager->table;
-  uint64_t left = 0;
-  if (manager->tracking == 0 || table->used == 0) return 0;
-  uint64_t row = 0;
-  while (row < table->used && table->entries[row].in_use == 0) ++row;
-  if (row == table->used) return 0;
-  memman_emit(manager, "**** ALLOCATED  BLOCKS LEFT\n", kMemLevelAlways);
-  for (; row < table->used; ++row) {
+  if (manager->tracking == 0) return 0;
+  const uint64_t end_row = table->used;
+  const uint64_t end_number = table->next_number;
+  auto left_at = [&](uint64_t row) {
     const MemBlockEntry& entry = table->entries[row];
-    if (entry.in_use == 0) continue;
+    return entry.in_use != 0 && entry.block_number < end_number;
+  };
+  uint64_t row = 0;
+  while (row < end_row && !left_at(row)) ++row;
+  if (row == end_row) return 0;
+  memman_emit(manager, "**** ALLOCATED  BLOCKS LEFT\n", kMemLevelAlways);
+  uint64_t left = 0;
+  for (; row < end_row; ++row) {
+    if (!left_at(row)) continue;
+    const MemBlockEntry& entry = table->entries[row];
+    // The second address is raw + 32, not raw + 40 where the caller's bytes
+    // start: the listing has always shown it so, and readers of old listings
+    // compare against it.
     char text[1024];
     sysstr_format(sizeof text, text, "#%-" PRIu64 " at %p (%p) is allocated\n",
-                  entry.block_number, entry.raw, static_cast<void*>(static_cast<char*>(entry.raw) + 32));
+                  entry.block_number, entry.raw,
+                  static_cast<void*>(static_cast<char*>(entry.raw) + 32));
     memman_emit(manager, text, kMemLevelAlways);
     ++left;
   }
@@ -90,6 +104,15 @@ void local_time_text(char* out, size_t size) {
   const std::time_t now = std::time(nullptr);
   const std::tm* local = std::localtime(&now);
   sysstr_copy(size, out, local != nullptr ? std::asctime(local) : "\n");
+}
+
+// The closing line and the end of an open trace file, with the lock held.
+void close_trace_locked(MemManager* manager, const char* when) {
+  if (manager->trace_file == nullptr) return;
+  manager->trace_name[0] = '\0';
+  std::fprintf(manager->trace_file, "\nFile closed: %s\n", when);
+  std::fclose(manager->trace_file);
+  manager->trace_file = nullptr;
 }
 
 }  // namespace
@@ -284,31 +307,29 @@ void memman_format_size(int32_t grouped, uint64_t capacity, char* buffer, uint64
                 (value % kGi) / kMi, (value % kMi) / kKi, value % kKi);
 }
 
+// Both trace operations look at the file under the lock, so two threads
+// opening or closing at once neither close a stream twice nor leave one open.
 void memman_open_trace(MemManager* manager, const char* name, const char* header) {
   if (manager == nullptr) return;
-  if (manager->trace_file != nullptr) memman_close_trace(manager);
+  char when[64];
+  local_time_text(when, sizeof when);
   MemLock lock(manager);
   if (!lock.ok()) return;
+  close_trace_locked(manager, when);
   sysstr_copy(sizeof manager->trace_name, manager->trace_name, name);
   manager->trace_file = name != nullptr ? std::fopen(name, "wt") : nullptr;
   if (manager->trace_file == nullptr) return;
-  char when[64];
-  local_time_text(when, sizeof when);
   std::fprintf(manager->trace_file, "Header: %s\n", header != nullptr ? header : "");
   std::fprintf(manager->trace_file, "\nFile opened: %s\n", when);
   std::fflush(manager->trace_file);
 }
 
 void memman_close_trace(MemManager* manager) {
-  if (manager == nullptr || manager->trace_file == nullptr) return;
+  if (manager == nullptr) return;
   char when[64];
   local_time_text(when, sizeof when);
   MemLock lock(manager);
-  if (!lock.ok()) return;
-  manager->trace_name[0] = '\0';
-  std::fprintf(manager->trace_file, "\nFile closed: %s\n", when);
-  std::fclose(manager->trace_file);
-  manager->trace_file = nullptr;
+  if (lock.ok()) close_trace_locked(manager, when);
 }
 
 void memman_trace_text(MemManager* manager, const char* text) {

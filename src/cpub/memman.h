@@ -87,9 +87,14 @@ void memman_free_aligned(const char* file, int32_t line, MemManager* manager, vo
  * Always returns 0. */
 int32_t memman_scan(const char* file, int32_t line, MemManager* manager, int32_t threshold);
 
-/* Messages and the trace file. */
+/* Messages and the trace file. Opening closes a file already open, with its
+ * closing line; both take the manager's lock. */
 void memman_open_trace(MemManager* manager, const char* name, const char* header);
 void memman_close_trace(MemManager* manager);
+/* Appends `text` to the open trace file and flushes it. It takes no lock, so
+ * a caller must not use it while another thread may close or reopen this
+ * manager's trace file (memman_close_trace, memman_open_trace,
+ * memman_delete, or a fatal error of the manager). */
 void memman_trace_text(MemManager* manager, const char* text);
 /* `value` as text: plain, or grouped as GiB:MiB:KiB:bytes. */
 void memman_format_size(int32_t grouped, uint64_t capacity, char* buffer, uint64_t value);

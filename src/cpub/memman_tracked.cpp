@@ -106,16 +106,21 @@ inline void check_block(MemManager* manager, const char* file, int32_t line,
   }
 }
 
-// The row that claims the block at `raw`, or null when no live row does.
-MemBlockEntry* live_row(MemManager* manager, unsigned char* raw, uint64_t* row_out) {
+// The row that claims the block at `raw`, or kNoRow when no live row does.
+constexpr uint64_t kNoRow = UINT64_MAX;
+uint64_t live_row(MemManager* manager, unsigned char* raw) {
   const MemBlockTable* table = manager->table;
-  if (table == nullptr) return nullptr;
+  if (table == nullptr) return kNoRow;
   const uint64_t row = read_index(raw);
-  if (row >= table->used) return nullptr;
-  MemBlockEntry* entry = &table->entries[row];
-  if (entry->in_use == 0 || entry->raw != raw) return nullptr;
-  *row_out = row;
-  return entry;
+  if (row >= table->used) return kNoRow;
+  const MemBlockEntry& entry = table->entries[row];
+  return entry.in_use != 0 && entry.raw == raw ? row : kNoRow;
+}
+
+// Whether a row can be taken without growing the table: an untouched row or
+// a free one.
+bool has_room(const MemBlockTable* table) {
+  return table->used < table->capacity || table->free_head != table->capacity;
 }
 
 // Out of space is reported on standard output whoever listens, and then
@@ -123,6 +128,8 @@ MemBlockEntry* live_row(MemManager* manager, unsigned char* raw, uint64_t* row_o
 void report_out_of_space(MemManager* manager, const char* file, int32_t line, uint64_t bytes,
                          bool reallocating) {
   char text[1024];
+  // The reallocation's line is cut at 256 bytes like its other lines; the
+  // buffer is sized for the longer allocation line and serves both.
   if (reallocating) {
     sysstr_format(256, text,
                   "Out of space while trying to reallocate a block of size %" PRIu64
@@ -175,7 +182,7 @@ bool grow_table(MemManager* manager) {
 }
 
 void emit_alloc_line(MemManager* manager, const char* file, int32_t line, uint64_t bytes,
-                     void* raw) {
+                     void* raw, uint64_t number) {
   char size_text[128];
   char usage_text[128];
   char text[1024];
@@ -183,7 +190,7 @@ void emit_alloc_line(MemManager* manager, const char* file, int32_t line, uint64
   memman_format_size(1, sizeof usage_text, usage_text, manager->current_usage);
   sysstr_format(sizeof text, text,
                 "%-10s #%-12" PRIu64 " at %-32p of size %-16s (%-16s) in file '%s(%d)'.\n", "Alloc",
-                manager->table->next_number, raw, size_text, usage_text, file_text(file),
+                number, raw, size_text, usage_text, file_text(file),
                 file != nullptr ? line : -1);
   memman_emit(manager, text, kMemLevelOperation);
 }
@@ -201,16 +208,18 @@ void emit_free_line(MemManager* manager, const char* file, int32_t line,
   memman_emit(manager, text, kMemLevelOperation);
 }
 
-void emit_realloc_line(MemManager* manager, const char* file, int32_t line,
-                       const MemBlockEntry& entry, void* raw, uint64_t size) {
+void emit_realloc_line(MemManager* manager, const char* file, int32_t line, uint64_t number,
+                       void* raw, uint64_t size) {
   char size_text[256];
   char usage_text[256];
   char text[256];
   memman_format_size(1, sizeof size_text, size_text, size);
   memman_format_size(1, sizeof usage_text, usage_text, manager->current_usage);
+  // "Rellocated", as the word has always stood in these logs: tools that
+  // read them match it.
   sysstr_format(sizeof text, text,
                 "Rellocated(%s)   #%-6" PRIu64 " at %-10p of size %-s (%-s) in file '%s(%d)'.\n",
-                manager->name, entry.block_number, raw, size_text, usage_text, file_text(file),
+                manager->name, number, raw, size_text, usage_text, file_text(file),
                 file != nullptr ? line : -1);
   memman_emit(manager, text, kMemLevelOperation);
 }
@@ -230,6 +239,10 @@ constexpr char kBeginTag[] = "begin";
 
 }  // namespace
 
+// Callbacks run under the lock, and a print callback may allocate from its
+// own manager while a line goes out: whether the table has room is decided
+// again after the line, and rows are found again by their index after any
+// callback, never through a pointer kept across it.
 void* memman_tracked_alloc(const char* file, int32_t line, MemManager* manager, uint64_t bytes,
                            bool zeroed) {
   MemLock lock(manager);
@@ -240,12 +253,10 @@ void* memman_tracked_alloc(const char* file, int32_t line, MemManager* manager, 
   MemBlockTable* table = manager->table;
   if (table == nullptr) return nullptr;
 
-  if (table->capacity == table->used && table->capacity == table->free_head &&
-      !grow_table(manager)) {
+  if (!has_room(table) && !grow_table(manager)) {
     report_out_of_space(manager, file, line, bytes, false);
     return nullptr;
   }
-
   void* raw = nullptr;
   if (bytes <= UINT64_MAX - kMemOverhead) {
     raw = zeroed ? manager->calloc_callback(manager->user_handle, bytes + kMemOverhead, 1)
@@ -255,7 +266,17 @@ void* memman_tracked_alloc(const char* file, int32_t line, MemManager* manager, 
     report_out_of_space(manager, file, line, bytes, false);
     return nullptr;
   }
-  if (memman_operations_read(manager)) emit_alloc_line(manager, file, line, bytes, raw);
+  // The number is the block's from here on, so that the line and the block
+  // agree whatever a print callback allocates in between.
+  const uint64_t number = table->next_number++;
+  if (memman_operations_read(manager)) {
+    emit_alloc_line(manager, file, line, bytes, raw, number);
+    if (!has_room(table) && !grow_table(manager)) {
+      memman_call_free(manager, raw);
+      report_out_of_space(manager, file, line, bytes, false);
+      return nullptr;
+    }
+  }
 
   uint64_t row;
   if (table->free_head == table->capacity) {
@@ -266,7 +287,7 @@ void* memman_tracked_alloc(const char* file, int32_t line, MemManager* manager, 
   }
   MemBlockEntry& entry = table->entries[row];
   entry.in_use = 1;
-  entry.block_number = table->next_number++;
+  entry.block_number = number;
   entry.size = bytes;
   entry.raw = raw;
   entry.begin_seed = kGuardSeed;
@@ -281,25 +302,25 @@ void* memman_tracked_alloc(const char* file, int32_t line, MemManager* manager, 
 void memman_tracked_free(const char* file, int32_t line, MemManager* manager, void* pointer) {
   MemLock lock(manager);
   if (!lock.ok()) std::exit(-1);
-  if (pointer == nullptr || manager->table == nullptr) return;
+  MemBlockTable* table = manager->table;
+  if (pointer == nullptr || table == nullptr) return;
 
   unsigned char* raw = bytes_of(pointer) - kMemHeader;
-  uint64_t row = 0;
-  MemBlockEntry* entry = live_row(manager, raw, &row);
-  if (entry == nullptr) {
+  const uint64_t row = live_row(manager, raw);
+  if (row == kNoRow) {
     char text[1024];
     sysstr_format(sizeof text, text, "Invalid block %p to deallocate.\n", static_cast<void*>(raw));
     memman_fatal(manager, file, line, text);
   }
-  check_block(manager, file, line, *entry);
+  check_block(manager, file, line, table->entries[row]);
 
-  manager->current_usage -= entry->size;
-  if (memman_operations_read(manager)) emit_free_line(manager, file, line, *entry);
+  manager->current_usage -= table->entries[row].size;
+  if (memman_operations_read(manager)) emit_free_line(manager, file, line, table->entries[row]);
   memman_call_free(manager, raw);
 
-  MemBlockTable* table = manager->table;
-  entry->in_use = 0;
-  entry->raw = nullptr;
+  MemBlockEntry& entry = table->entries[row];
+  entry.in_use = 0;
+  entry.raw = nullptr;
   table->free_next[row] = table->free_head;
   table->free_head = row;
 }
@@ -308,17 +329,18 @@ void* memman_tracked_realloc(const char* file, int32_t line, MemManager* manager
                              uint64_t size) {
   MemLock lock(manager);
   if (!lock.ok()) memman_fatal(manager, file, line, "Could not lock mutex");
+  MemBlockTable* table = manager->table;
 
   unsigned char* raw = bytes_of(pointer) - kMemHeader;
-  uint64_t row = 0;
-  MemBlockEntry* entry = live_row(manager, raw, &row);
-  if (entry == nullptr) {
+  const uint64_t row = live_row(manager, raw);
+  if (row == kNoRow) {
+    // Formatted into 256 bytes like the other lines of a reallocation.
     char text[256];
     sysstr_format(sizeof text, text, "Block at adr. %p is not allocated.\n",
                   static_cast<void*>(raw));
     memman_fatal(manager, file, line, text);
   }
-  check_block(manager, file, line, *entry);
+  check_block(manager, file, line, table->entries[row]);
 
   void* moved = nullptr;
   if (size <= UINT64_MAX - kMemOverhead) {
@@ -328,14 +350,18 @@ void* memman_tracked_realloc(const char* file, int32_t line, MemManager* manager
     report_out_of_space(manager, file, line, size, true);
     return nullptr;
   }
-  if (memman_operations_read(manager)) emit_realloc_line(manager, file, line, *entry, moved, size);
+  const uint64_t old_size = table->entries[row].size;
+  if (memman_operations_read(manager)) {
+    emit_realloc_line(manager, file, line, table->entries[row].block_number, moved, size);
+  }
 
   // Only allocations raise the peak: growth by reallocation doesn't show in it.
-  manager->current_usage = manager->current_usage - entry->size + size;
-  entry->size = size;
-  entry->raw = moved;
-  entry->begin_seed = kGuardSeed;
-  entry->end_seed = kGuardSeed;
+  manager->current_usage = manager->current_usage - old_size + size;
+  MemBlockEntry& entry = table->entries[row];
+  entry.size = size;
+  entry.raw = moved;
+  entry.begin_seed = kGuardSeed;
+  entry.end_seed = kGuardSeed;
   dress_block(bytes_of(moved), size, row);
   return bytes_of(moved) + kMemHeader;
 }

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "cpub.h"
@@ -757,6 +758,80 @@ TEST(MemmanThreads, FourThreadsChurningOneManagerLeaveNoDamageAndNoLeak) {
   EXPECT_EQ(memman_delete("c.c", 6, &manager), 0u);
   EXPECT_EQ(sink.text.find("**** ALLOCATED"), std::string::npos);
   EXPECT_EQ(user.live, 0);
+}
+
+// The lowest descriptor a new stream gets: streams are given the lowest free
+// one, so a stream left open behind raises it.
+int lowest_free_descriptor(const std::string& path) {
+  std::FILE* probe = std::fopen(path.c_str(), "a");
+  const int descriptor = probe != nullptr ? fileno(probe) : -1;
+  if (probe != nullptr) std::fclose(probe);
+  return descriptor;
+}
+
+void open_and_close_trace(MemManager* manager, const std::string& path) {
+  for (int i = 0; i < 5000; ++i) {
+    memman_open_trace(manager, path.c_str(), "race");
+    memman_close_trace(manager);
+  }
+}
+
+TEST(MemmanThreads, TwoThreadsOpeningAndClosingTheTraceLeaveNoStreamBehind) {
+  CountingAllocator user;
+  MemManager* manager = user.create_manager(1);
+  const std::string path = ::testing::TempDir() + "memman_trace_race.txt";
+  const int lowest = lowest_free_descriptor(path);
+  std::thread other(open_and_close_trace, manager, path);
+  open_and_close_trace(manager, path);
+  other.join();
+  EXPECT_EQ(manager->trace_file, nullptr);
+  EXPECT_EQ(lowest_free_descriptor(path), lowest);
+  memman_delete("r.c", 1, &manager);
+  std::remove(path.c_str());
+}
+
+// A print callback that keeps every line it is given in a block of the
+// manager it listens to (but not the line of its own copy).
+struct LineKeeper {
+  MemManager* manager = nullptr;
+  bool copying = false;
+  std::vector<char*> lines;
+  static void receive(void* handle, const char* text) {
+    auto* self = static_cast<LineKeeper*>(handle);
+    if (self->copying) return;
+    self->copying = true;
+    self->lines.push_back(memman_strdup("k.c", 1, self->manager, text));
+    self->copying = false;
+  }
+};
+
+// With 1023 live blocks the line of an allocation is copied into the last
+// row; with 1024 the copies of the lines of a reallocation and a release
+// grow the table under them.
+TEST(MemmanCallbacks, APrintCallbackMayAllocateFromItsOwnManager) {
+  for (int live : {1023, 1024}) {
+    CountingAllocator user;
+    LineKeeper keeper;
+    keeper.manager = user.create_manager(1);
+    std::vector<void*> blocks;
+    for (int i = 0; i < live; ++i) blocks.push_back(memman_alloc("a.c", 1, keeper.manager, 1, 8));
+    memman_set_levels(keeper.manager, 0, 10);
+    memman_set_print_callback(keeper.manager, LineKeeper::receive, &keeper);
+    blocks.push_back(memman_alloc("a.c", 2, keeper.manager, 1, 8));
+    blocks[0] = memman_realloc("a.c", 3, keeper.manager, blocks[0], 64);
+    memman_free("a.c", 4, keeper.manager, blocks[1]);
+    blocks.erase(blocks.begin() + 1);
+    EXPECT_EQ(keeper.lines.size(), 3u) << live;
+    EXPECT_EQ(memman_scan("a.c", 5, keeper.manager, 0), 0);  // dies on a damaged guard
+    // The lines of the closing sequence up to the listing are copied too
+    // (its start, the scan's two lines, "Checking leaks"), and the listing
+    // counts the blocks live when it begins.
+    const uint64_t left = blocks.size() + keeper.lines.size() + 4;
+    EXPECT_EQ(memman_delete("a.c", 6, &keeper.manager), left) << live;
+    for (void* p : blocks) CountingAllocator::free(&user, raw_of(p));
+    for (char* p : keeper.lines) CountingAllocator::free(&user, raw_of(p));
+    EXPECT_EQ(user.live, 0) << live;
+  }
 }
 
 }  // namespace

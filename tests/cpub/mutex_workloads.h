@@ -1,5 +1,4 @@
-// Two workloads that a lock must pass, shared by the tests of the lock as
-// the platform builds it and of the POSIX lock without its bias. Each
+// Two workloads that a lock must pass. Each
 // increment is a separate read and write of a volatile counter, so without
 // exclusion the threads overwrite each other's steps.
 #ifndef HOSTKIT_TEST_MUTEX_WORKLOADS_H

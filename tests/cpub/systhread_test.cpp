@@ -134,10 +134,12 @@ TEST(SysCond, TimedWaitsEndWith138AndTheMutexHeld) {
   syscond cond;
   ASSERT_EQ(syscond_create(&cond), 0);
   sysmutex_lock(&mutex);
-  int64_t deadline = static_cast<int64_t>(std::time(nullptr)) - 5;
+  // Past deadlines end at once, the farthest ones too (no overflow).
   Clock::time_point start = Clock::now();
-  EXPECT_EQ(syscond_timedwait(&cond, &mutex, &deadline), 138);
-  EXPECT_LT(elapsed_ms(start), 1000);  // a past deadline: at once
+  for (int64_t past : {static_cast<int64_t>(std::time(nullptr)) - 5, int64_t{0}, INT64_MIN}) {
+    EXPECT_EQ(syscond_timedwait(&cond, &mutex, &past), 138) << past;
+  }
+  EXPECT_LT(elapsed_ms(start), 1000);
   // Held: another thread can't take it until we let go.
   LockProbe probe{&mutex};
   SysThread thread;
@@ -153,7 +155,7 @@ TEST(SysCond, TimedWaitsEndWith138AndTheMutexHeld) {
   syscond_signal(&cond);
   syscond_signal(&cond);
   sysmutex_lock(&mutex);
-  deadline = static_cast<int64_t>(std::time(nullptr)) + 2;
+  int64_t deadline = static_cast<int64_t>(std::time(nullptr)) + 2;
   start = Clock::now();
   EXPECT_EQ(syscond_timedwait(&cond, &mutex, &deadline), 138);
   EXPECT_GE(elapsed_ms(start), 900);
@@ -221,6 +223,50 @@ TEST_P(SysCondWaiters, OneSignalWakesOneWaiter) {
 }
 
 INSTANTIATE_TEST_SUITE_P(PlainAndTimed, SysCondWaiters, ::testing::Bool());
+
+// Two threads hand a turn back and forth: each, holding the lock, sleeps so
+// that the other is surely blocked in its wait, signals it, and waits in
+// turn. Every signal meets a blocked waiter, which must wake although the
+// signaller resets the event on its own way into the wait.
+struct Turns {
+  sysmutex mutex;
+  syscond cond;
+  int players = 0;
+  int rounds[2] = {0, 0};
+  int32_t failure = 0;
+};
+constexpr int kRounds = 300;
+
+void* take_turns(void* argument) {
+  auto* t = static_cast<Turns*>(argument);
+  sysmutex_lock(&t->mutex);
+  const int me = t->players++;
+  for (int i = 0; i < kRounds && t->failure == 0; ++i) {
+    syssleep(2);
+    syscond_signal(&t->cond);
+    const int64_t deadline = static_cast<int64_t>(std::time(nullptr)) + 10;
+    const int32_t result = syscond_timedwait(&t->cond, &t->mutex, &deadline);
+    if (result != 0) t->failure = result;
+    ++t->rounds[me];
+  }
+  syscond_signal(&t->cond);  // the other player's last wait
+  sysmutex_unlock(&t->mutex);
+  return nullptr;
+}
+
+TEST(SysCond, ASignalWakesTheWaiterAlreadyBlocked) {
+  Turns t;
+  ASSERT_EQ(sysmutex_create(&t.mutex), 0);
+  ASSERT_EQ(syscond_create(&t.cond), 0);
+  SysThread players[2];
+  for (SysThread& p : players) ASSERT_EQ(systhread_create(&p, nullptr, take_turns, &t), 0);
+  for (SysThread& p : players) EXPECT_EQ(systhread_join(&p, nullptr), 0);
+  EXPECT_EQ(t.failure, 0);
+  EXPECT_EQ(t.rounds[0], kRounds);
+  EXPECT_EQ(t.rounds[1], kRounds);
+  syscond_destroy(&t.cond);
+  sysmutex_destroy(&t.mutex);
+}
 
 void* sleep_then_return(void* argument) {
   syssleep(150);
