@@ -36,9 +36,14 @@ int32_t sysenv_stdio_rewind(void* stream) {
 }
 
 // A request above zlib's int range is trimmed: a read may always deliver less.
+// zlib gives 0, as at the end, for a file cut short and keeps the reason:
+// that and every other error reads as -1, after the bytes decoded before it.
 int64_t sysenv_gz_read(void* stream, void* buffer, uint64_t size) {
   const auto n = static_cast<unsigned>(size < kGzChunk ? size : kGzChunk);
-  return gzread(as_gz(stream), buffer, n);
+  const int read = gzread(as_gz(stream), buffer, n);
+  int error = Z_OK;
+  if (read == 0) gzerror(as_gz(stream), &error);
+  return error == Z_OK ? read : -1;
 }
 
 // A write must take everything it is given, so a long one goes in pieces

@@ -18,7 +18,8 @@ int32_t sysenv_stdio_flush(void* stream);
 /* Always 0. */
 int32_t sysenv_stdio_rewind(void* stream);
 
-/* gzread/gzwrite. The result is zlib's, sign included: -1 is an error. */
+/* gzread/gzwrite. The result is zlib's, sign included: -1 is an error; a
+ * read also gives -1 where zlib ends a file cut short with 0. */
 int64_t sysenv_gz_read(void* stream, void* buffer, uint64_t size);
 int64_t sysenv_gz_write(void* stream, const void* buffer, uint64_t size);
 int32_t sysenv_gz_close(void* stream);

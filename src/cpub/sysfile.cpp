@@ -23,9 +23,12 @@ namespace {
 constexpr unsigned char kLf = '\n';
 constexpr unsigned char kCr = '\r';
 
-// The zstd operations in the shape of the table.
+// The zstd operations in the shape of the table. A read that met damaged
+// input delivers what was decoded before it; the next one reports -1.
 int64_t zstd_read(void* backend, void* buffer, uint64_t size) {
-  return static_cast<int64_t>(syszstd_read(static_cast<ZstdStream*>(backend), buffer, size));
+  auto* stream = static_cast<ZstdStream*>(backend);
+  const uint64_t n = syszstd_read(stream, buffer, size);
+  return n == 0 && syszstd_failed(stream) != 0 ? -1 : static_cast<int64_t>(n);
 }
 int64_t zstd_write(void* backend, const void* data, uint64_t size) {
   return static_cast<int64_t>(syszstd_write(static_cast<ZstdStream*>(backend), data, size));
@@ -134,14 +137,21 @@ int32_t put_text(SysFileState* s, const unsigned char* data, uint64_t n) {
   return SYSFILE_OK;
 }
 
-// A failed gzip read reports -1; it ends the input like the end of the file,
-// so no negative count ever reaches the buffer.
+// A read that fails (-1: damaged compressed input) ends the input for good,
+// until a rewind; no negative count ever reaches the buffer.
 void refill(SysFileState* s) {
   s->count = 0;
   s->position = 0;
+  if (s->damaged != 0) return;
   const int64_t n = s->read(s->backend, s->buffer, s->capacity);
+  if (n < 0) s->damaged = 1;
   if (n <= 0) return;
   s->count = static_cast<uint64_t>(n) < s->capacity ? static_cast<uint64_t>(n) : s->capacity;
+}
+
+// Why the input gave nothing more.
+int32_t end_status(const SysFileState* s) {
+  return s->damaged != 0 ? SYSFILE_ERR_DATA : SYSFILE_ERR_EOF;
 }
 
 // Copies up to `n` bytes (1 to 16) from `from` to `to` without touching a
@@ -351,7 +361,7 @@ bool next_line(SysFile* handle, char* destination, uint64_t room, uint64_t* n,
   SysFileState* s = reader(handle);
   if (s != nullptr && read_line(s, destination, room, n)) return true;
   destination[0] = '\0';
-  *status = s == nullptr ? SYSFILE_ERR_NOT_READABLE : SYSFILE_ERR_EOF;
+  *status = s == nullptr ? SYSFILE_ERR_NOT_READABLE : end_status(s);
   return false;
 }
 
@@ -437,8 +447,7 @@ int32_t sysfile_flush(SysFile* handle) {
   SysFileState* s = writer(handle);
   if (s == nullptr) return SYSFILE_OK;
   if (!drain(s)) return SYSFILE_ERR_WRITE;
-  if (s->flush != nullptr) s->flush(s->backend);
-  return SYSFILE_OK;
+  return s->flush == nullptr || s->flush(s->backend) == 0 ? SYSFILE_OK : SYSFILE_ERR_WRITE;
 }
 
 int32_t sysfile_rewind(SysFile* handle) {
@@ -448,6 +457,7 @@ int32_t sysfile_rewind(SysFile* handle) {
   SysFileState* s = handle->state;
   s->count = 0;
   s->position = 0;
+  s->damaged = 0;
   s->rewind(s->backend);
   return SYSFILE_OK;
 }
@@ -581,7 +591,7 @@ uint64_t sysfile_read(SysFile* handle, void* destination, uint64_t size, int32_t
     delivered += unread;
     s->position = s->count;
     refill(s);
-    if (s->count == 0) *status = SYSFILE_ERR_EOF;
+    if (s->count == 0) *status = end_status(s);
   }
   return delivered;
 }
@@ -600,7 +610,9 @@ void sysfile_read_items(SysFile* handle, void* destination, uint64_t size, uint6
   }
   if (total == 0) return;
   int32_t inner = 0;
-  if (sysfile_read(handle, destination, total, &inner) < total) *status = SYSFILE_ERR_SHORT_READ;
+  if (sysfile_read(handle, destination, total, &inner) < total) {
+    *status = inner == SYSFILE_ERR_DATA ? SYSFILE_ERR_DATA : SYSFILE_ERR_SHORT_READ;
+  }
 }
 
 void sysfile_gets(SysFile* handle, uint64_t capacity, char* destination, int32_t* status) {

@@ -26,7 +26,8 @@ enum {
   SYSFILE_ERR_WRITE = 5,       /* the stream accepted fewer bytes than given */
   SYSFILE_ERR_NOT_READABLE = 6,
   SYSFILE_ERR_NO_REWIND = 7,
-  SYSFILE_ERR_PATH = 9         /* the UTF-8 path is not valid UTF-8 */
+  SYSFILE_ERR_PATH = 9,        /* the UTF-8 path is not valid UTF-8 */
+  SYSFILE_ERR_DATA = 10        /* the gzip or zstd input is damaged or cut short */
 };
 
 /* Compression selector of the open operations; any other value is plain. */
@@ -49,6 +50,7 @@ typedef struct SysFileState {
   uint64_t capacity;         /* always SYSFILE_BUFFER_SIZE */
   uint64_t count;            /* writer: bytes waiting; reader: bytes valid */
   uint64_t position;         /* reader: next unread byte */
+  int32_t damaged;           /* reader: the stream met damaged input; until rewind */
   unsigned char buffer[SYSFILE_BUFFER_SIZE];
 } SysFileState;
 
@@ -75,7 +77,11 @@ void sysfile_open_wide(SysEnv* env, const uint16_t* path, int32_t text, int32_t 
  * know it), closes the stream and frees the handle. Sets `*file` to null.
  * Always 0. */
 int32_t sysfile_close(SysFile** file);
-/* 0, or SYSFILE_ERR_WRITE with the bytes kept in the buffer. */
+/* Hands the buffered bytes to the stream and flushes the stream. 0, or
+ * SYSFILE_ERR_WRITE when the stream took fewer bytes (they stay in the
+ * buffer) or could not pass them on: the C stream's flush failed, or a zstd
+ * writer's file refused its compressed output, which it never recovers from
+ * (every later write on it is short). */
 int32_t sysfile_flush(SysFile* handle);
 /* 0, or SYSFILE_ERR_NO_REWIND on a writer. */
 int32_t sysfile_rewind(SysFile* handle);
@@ -100,7 +106,9 @@ int32_t sysfile_vprintf(SysFile* handle, const char* format, va_list arguments)
 void sysfile_write_items(SysFile* handle, const void* data, uint64_t size, uint64_t count,
                          int32_t* status);
 
-/* Input. */
+/* Input. A gzip or zstd file that is damaged or cut short delivers the bytes
+ * decoded before the damage, and then SYSFILE_ERR_DATA where the others give
+ * SYSFILE_ERR_EOF or SYSFILE_ERR_SHORT_READ, until a rewind starts afresh. */
 /* Up to `size` bytes; at the end of input status 4 and the bytes delivered. */
 uint64_t sysfile_read(SysFile* handle, void* destination, uint64_t size, int32_t* status);
 /* Exactly `size` times `count` bytes, or status 3. */

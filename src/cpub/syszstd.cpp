@@ -9,7 +9,9 @@
 namespace {
 
 // Hands the compressed bytes waiting in `out` to the file. On a short write
-// the rest moves to the front of the buffer for a later attempt.
+// the rest moves to the front of the buffer, and the writer is marked: the
+// frame on the file has a hole from here on, so every later write and flush
+// reports the loss instead of writing past it.
 bool write_out(ZstdStream* r) {
   if (r->out.pos == 0) return true;
   const size_t n = std::fwrite(r->out_buffer, 1, r->out.pos, r->stream);
@@ -17,6 +19,7 @@ bool write_out(ZstdStream* r) {
   if (n < r->out.pos) {
     std::memmove(r->out_buffer, r->out_buffer + n, r->out.pos - n);
     r->out.pos -= n;
+    r->refused = 1;
     return false;
   }
   r->out.pos = 0;
@@ -25,12 +28,13 @@ bool write_out(ZstdStream* r) {
 
 // Flushes (or, with `end`, finishes the frame) until the library has nothing
 // more to give. One call is not always enough: the result tells how much is
-// still held inside.
-void drain_library(ZstdStream* r, bool end) {
+// still held inside. False when the library or the file failed.
+bool drain_library(ZstdStream* r, bool end) {
   for (;;) {
     const size_t left =
         end ? ZSTD_endStream(r->cstream, &r->out) : ZSTD_flushStream(r->cstream, &r->out);
-    if (!write_out(r) || ZSTD_isError(left) || left == 0) return;
+    if (!write_out(r) || ZSTD_isError(left)) return false;
+    if (left == 0) return true;
   }
 }
 
@@ -89,7 +93,7 @@ ZstdStream* syszstd_create(SysEnv* env, FILE* stream, int32_t level, int32_t rea
 }
 
 uint64_t syszstd_write(ZstdStream* r, const void* data, uint64_t size) {
-  if (r == nullptr || r->cstream == nullptr || size == 0) return 0;
+  if (r == nullptr || r->cstream == nullptr || size == 0 || r->refused != 0) return 0;
   r->in = {data, 0, 0};
   // The data goes in slices of the library's recommended input size, with
   // the output written after each: a block then always finds room to be
@@ -114,8 +118,9 @@ uint64_t syszstd_write(ZstdStream* r, const void* data, uint64_t size) {
 
 int32_t syszstd_flush(ZstdStream* r) {
   if (r == nullptr || r->cstream == nullptr) return 0;
-  drain_library(r, false);
-  return std::fflush(r->stream);
+  const bool drained = r->refused == 0 && drain_library(r, false);
+  const int flushed = std::fflush(r->stream);
+  return drained ? flushed : EOF;
 }
 
 uint64_t syszstd_read(ZstdStream* r, void* destination, uint64_t size) {
@@ -186,10 +191,9 @@ int32_t syszstd_rewind(ZstdStream* r) {
 
 void syszstd_close(ZstdStream* r) {
   if (r == nullptr) return;
-  if (r->cstream != nullptr) {
+  if (r->cstream != nullptr && r->refused == 0) {
     // Ending the frame is what makes the file complete.
-    drain_library(r, false);
-    drain_library(r, true);
+    if (drain_library(r, false)) drain_library(r, true);
   }
   std::fclose(r->stream);
   release(r);

@@ -23,9 +23,12 @@ ZstdStream* syszstd_create(SysEnv* env, FILE* stream, int32_t level, int32_t rea
  * input, or when the input is damaged (see syszstd_failed). */
 uint64_t syszstd_read(ZstdStream* record, void* destination, uint64_t size);
 /* Compresses `data`; returns the bytes of it consumed, fewer than `size` when
- * the file refused output or the library reported an error. */
+ * the library reported an error. Once the file has refused compressed bytes
+ * (a short fwrite), the frame can't be completed: that write still counts
+ * what the compressor took, and every later write returns 0. */
 uint64_t syszstd_write(ZstdStream* record, const void* data, uint64_t size);
-/* Pushes everything compressed so far to the file; returns fflush's result. */
+/* Pushes everything compressed so far to the file; returns fflush's result,
+ * or EOF when the file refused bytes, now or before. */
 int32_t syszstd_flush(ZstdStream* record);
 /* Back to the start of a reader's file: 0, or -1 on a writer. */
 int32_t syszstd_rewind(ZstdStream* record);

@@ -22,8 +22,9 @@ struct ZstdStream {
   uint64_t bytes_written;
   FILE* stream;
   int32_t at_end;
-  int32_t failed;      // reader: damaged input seen
-  int32_t mid_frame;   // reader: the last decoding step left a frame unfinished
+  int32_t failed;     // reader: damaged input seen
+  int32_t mid_frame;  // reader: the last decoding step left a frame unfinished
+  int32_t refused;    // writer: the file took fewer bytes than given, once
 };
 }
 

@@ -82,7 +82,8 @@ struct FakeStream {
   std::string input;               // what reads give out
   size_t at = 0;
   uint64_t max_read = UINT64_MAX;  // at most this many bytes per read call
-  bool fail_reads = false;         // reads report -1, as a failing gzread does
+  bool fail_reads = false;         // reads report -1, as on damaged compressed input
+  bool fail_flush = false;         // the stream's flush fails, as fflush on a full disk
   int flushes = 0, reads = 0, closes = 0;
 
   static FakeStream* self(void* b) { return static_cast<FakeStream*>(b); }
@@ -102,7 +103,7 @@ struct FakeStream {
     f->at += n;
     return static_cast<int64_t>(n);
   }
-  static int32_t flush(void* b) { return ++self(b)->flushes, 0; }
+  static int32_t flush(void* b) { return ++self(b)->flushes, self(b)->fail_flush ? -1 : 0; }
   static int32_t rewind(void* b) { return self(b)->at = 0, 0; }
   static int32_t close(void* b) { return ++self(b)->closes, 0; }
 };

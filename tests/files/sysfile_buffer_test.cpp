@@ -188,6 +188,9 @@ TEST_F(BufferTest, ShortWritesAreStatusFiveAndKeepTheBytes) {
   const std::string big(3 * kCap, 'd');
   EXPECT_EQ(sysfile_write(file_, big.size(), big.data()), SYSFILE_ERR_WRITE);
   EXPECT_EQ(s->count, 0u);
+  // The stream took every byte but could not pass them on.
+  fake_.fail_flush = true;
+  EXPECT_EQ(sysfile_flush(file_), SYSFILE_ERR_WRITE);
 }
 
 TEST_F(BufferTest, EachDirectionRefusesTheOthersOperations) {
@@ -328,18 +331,28 @@ TEST_F(BufferTest, ByteReadersStatusRules) {
   sysfile_read_items(file_, buffer, 2, 2, &status);
   EXPECT_EQ(status, SYSFILE_ERR_SHORT_READ);
   EXPECT_EQ(std::string(buffer, 2), "gh");
-  // A failing stream read is the end, never a negative count in the buffer.
-  SysFileState* s = reader("never delivered");
+  // A failing stream read (damaged input) is status 10 from then on, also
+  // once the stream would deliver again, and never a negative count in the
+  // buffer; a rewind reads afresh.
+  reader("read anew");
   fake_.fail_reads = true;
   status = 0;
   uint64_t length = 7;
   sysfile_getline(file_, sizeof buffer, &length, buffer, &status);
-  EXPECT_EQ(status, SYSFILE_ERR_EOF);
+  EXPECT_EQ(status, SYSFILE_ERR_DATA);
+  EXPECT_EQ(length, 0u);
+  fake_.fail_reads = false;
+  for (int32_t items : {0, 1}) {
+    status = 0;
+    items ? sysfile_read_items(file_, buffer, 1, 1, &status)
+          : (void)sysfile_read(file_, buffer, sizeof buffer, &status);
+    EXPECT_EQ(status, SYSFILE_ERR_DATA);
+  }
+  EXPECT_EQ(fake_.reads, 1);
+  EXPECT_EQ(sysfile_rewind(file_), 0);
   status = 0;
-  EXPECT_EQ(sysfile_read(file_, buffer, sizeof buffer, &status), 0u);
-  EXPECT_EQ(status, SYSFILE_ERR_EOF);
-  EXPECT_EQ(s->count, 0u);
-  EXPECT_EQ(s->position, 0u);
+  sysfile_getline(file_, sizeof buffer, &length, buffer, &status);
+  EXPECT_EQ(std::string(buffer, length), "read anew");
 }
 
 }  // namespace
