@@ -3,7 +3,7 @@
 # pkg-config file.
 include(CMakePackageConfigHelpers)
 
-set(hostkit_targets cpub cpuinfo hostid)
+set(hostkit_targets cpuid cpub cpuinfo hostid)
 foreach(tool hostkit cpuinfo-replay cpuinfo-dump)
   if(TARGET ${tool})
     list(APPEND hostkit_programs ${tool})
@@ -39,9 +39,9 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/hostkitConfig.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/hostkitConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/hostkit)
 
-# Static libraries in link order; cpub and cpuinfo call each other.
+# Static libraries in link order: each stands above the ones behind it.
 set(HOSTKIT_PC_LIBS "")
-foreach(lib hostid cpuinfo cpub cpuinfo)
+foreach(lib hostid cpuinfo cpub cpuid)
   get_target_property(type ${lib} TYPE)
   if(type STREQUAL "STATIC_LIBRARY")
     string(APPEND HOSTKIT_PC_LIBS " -l${lib}")
