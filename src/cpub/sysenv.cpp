@@ -10,30 +10,14 @@
 #include "memman.h"
 #include "sysenv_internal.h"
 
-namespace {
-
-SysEnvCLib real_clib() { return {std::malloc, std::calloc, std::realloc, std::free}; }
-
-}  // namespace
-
-SysEnvCLib g_sysenv_clib = real_clib();
-
 extern "C" {
-
-SysEnvCLib sysenv_set_clib(const SysEnvCLib* clib) {
-  const SysEnvCLib previous = g_sysenv_clib;
-  g_sysenv_clib = clib != nullptr ? *clib : real_clib();
-  return previous;
-}
-
-uintptr_t sysenv_default_place(uintptr_t raw) { return sysenv_place_inline(raw); }
 
 void* sysenv_default_malloc(void* /*handle*/, uint64_t size) { return sysenv_malloc_inline(size); }
 
 void* sysenv_default_calloc(void* /*handle*/, uint64_t count, uint64_t size) {
   const uint64_t total = count * size;
   if (sysenv_too_large(total) || total == 0) return nullptr;
-  void* raw = g_sysenv_clib.calloc(static_cast<size_t>(total + kSysEnvOverAllocation), 1);
+  void* raw = std::calloc(static_cast<size_t>(total + kSysEnvOverAllocation), 1);
   return raw != nullptr ? sysenv_dress_inline(raw) : nullptr;
 }
 
@@ -46,7 +30,7 @@ void* sysenv_default_realloc(void* handle, void* pointer, uint64_t size) {
   if (pointer == nullptr) return sysenv_default_malloc(handle, size);
   void* old_raw = sysenv_start_of(pointer);
   const uintptr_t offset = reinterpret_cast<uintptr_t>(pointer) - reinterpret_cast<uintptr_t>(old_raw);
-  void* raw = g_sysenv_clib.realloc(old_raw, static_cast<size_t>(size + kSysEnvOverAllocation));
+  void* raw = std::realloc(old_raw, static_cast<size_t>(size + kSysEnvOverAllocation));
   if (raw == nullptr) return nullptr;
   // The content moved with the block, so the caller's bytes stay at the same
   // distance from its start.
