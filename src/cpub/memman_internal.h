@@ -52,10 +52,7 @@ inline bool memman_operations_read(const MemManager* manager) {
 
 // The manager's plain allocation and release through its callbacks. The
 // default allocators, which every environment without allocators of its own
-// uses, run inline here instead of through a call by pointer. Their release
-// is laid out as the straight path, which measured about half a nanosecond
-// faster per allocation and release; the same hint on the allocation side
-// slowed user callbacks by more than it sped up the defaults.
+// uses, run inline here instead of through a call by pointer.
 inline void* memman_call_malloc(const MemManager* manager, uint64_t bytes) {
   if (manager->malloc_callback == sysenv_default_malloc) return sysenv_malloc_inline(bytes);
   return manager->malloc_callback(manager->user_handle, bytes);

@@ -82,6 +82,7 @@ SysEnv* sysenv_create(int32_t mode, int32_t tracking, void* user_handle,
   // Processor settings, taken silently: log_level is still 0 here.
   CpuSystemInfo info;
   cpuinfo_system_info(env->log_level, &info);
+  // 10010 (not 10000) is the value readers expect for class 19, AMD family 23.
   env->class_setting = info.procid == 19 ? 10010 : 10;
   env->cache_l1 = static_cast<int32_t>(info.l1);
   env->cache_l2 = static_cast<int32_t>(info.l2);

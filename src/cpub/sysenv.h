@@ -47,6 +47,12 @@ enum { SYSENV_STREAM_SLOTS = 10, SYSENV_PRINT_BUFFER = 1048, SYSENV_FATAL_BUFFER
 /* Status codes of the environment. */
 enum { SYSENV_OK = 0, SYSENV_BLOCKS_LEFT = 8, SYSENV_ERR_UTF8 = 12 };
 
+/* The presets, the class setting, the cache and feature fields and the three
+ * texts are the environment's published settings: fixed values (preset_a 16,
+ * preset_b -1, preset_c 1, class_setting 10, or 10010 on a processor of class
+ * 19) that programs on top of the layer read from the handle. Nothing in the
+ * layer acts on them, and their names and values stay as they are for those
+ * readers. */
 typedef struct SysEnv {
   int32_t log_level;
   int32_t ready;

@@ -23,6 +23,50 @@ enum : uint32_t {
 
 constexpr uint32_t kCpuTypeAmdFamily6 = 6;
 
+// The feature questions, 2 to 30. Each answer is the OR of the bits named
+// (leaf 1 EDX and ECX, leaf 0x80000001 EDX; -1 names none) and `fixed`.
+struct FeatureQuestion {
+  int8_t edx;
+  int8_t ecx;
+  int8_t ext_edx;
+  uint8_t fixed;
+};
+constexpr uint32_t kFirstFeatureQuery = 2;
+constexpr uint32_t kLastFeatureQuery = kQuerySse3;
+constexpr FeatureQuestion kFeatureQuestions[] = {
+    {-1, -1, -1, 0},  // 2: always 0
+    {-1, -1, -1, 0},  // 3: always 0
+    {-1, -1, -1, 1},  // 4: always 1
+    {0, -1, -1, 0},   // 5: FPU
+    {1, -1, -1, 0},   // 6: VME
+    {2, -1, -1, 0},   // 7: DE
+    {3, -1, -1, 0},   // 8: PSE
+    {4, -1, -1, 0},   // 9: TSC
+    {5, -1, -1, 0},   // 10: MSR
+    {6, -1, -1, 0},   // 11: PAE
+    {7, -1, -1, 0},   // 12: MCE
+    {8, -1, -1, 0},   // 13: CX8
+    {9, -1, -1, 0},   // 14: APIC
+    {11, -1, -1, 0},  // 15: SEP
+    {12, -1, -1, 0},  // 16: MTRR
+    {13, -1, -1, 0},  // 17: PGE
+    {14, -1, -1, 0},  // 18: MCA
+    {15, -1, -1, 0},  // 19: CMOV
+    {16, -1, -1, 0},  // 20: PAT
+    {17, -1, -1, 0},  // 21: PSE-36
+    {25, -1, 22, 0},  // 22: SSE, or AMD's MMX extensions
+    {23, -1, -1, 0},  // 23: MMX
+    {24, -1, -1, 0},  // 24: FXSR
+    {-1, -1, 30, 0},  // 25: AMD's 3DNow! extensions
+    {-1, -1, 31, 0},  // 26: 3DNow!
+    {-1, -1, 22, 0},  // 27: AMD's MMX extensions
+    {25, -1, -1, 0},  // 28: SSE
+    {26, -1, -1, 0},  // 29: SSE2
+    {-1, 0, -1, 0},   // 30: SSE3
+};
+static_assert(sizeof kFeatureQuestions / sizeof kFeatureQuestions[0] ==
+              kLastFeatureQuery - kFirstFeatureQuery + 1);
+
 uint32_t bit(uint32_t value, uint32_t index) { return (value >> index) & 1u; }
 uint32_t bits(uint32_t value, uint32_t low, uint32_t count) {
   return (value >> low) & ((1u << count) - 1u);
@@ -304,35 +348,15 @@ void cpuinfo_cache_sizes(uint32_t* l1, uint32_t* l2, uint32_t* l3, int32_t verbo
 uint32_t cpuinfo_query(uint32_t query, CpuIdSnapshot* snapshot, int32_t verbose) {
   if (snapshot->state == 0) read_snapshot(snapshot);
   const bool trace = verbose != 0;
-  const uint32_t edx = snapshot->feature_edx;
-  const uint32_t ext_edx = snapshot->ext_feature_edx;
   if (query == kQueryVendor) return vendor_number(snapshot, trace);
   if (query == kQueryCpuType) return cpu_type(snapshot, trace);
-  if (query == 2 || query == 3) return 0;
-  if (query == 4) return 1;
-  if (query >= 5 && query <= 14) return bit(edx, query - 5);
-  if (query >= 15 && query <= 21) return bit(edx, query - 4);
-  switch (query) {
-    case 22:
-      return bit(edx, 25) | bit(ext_edx, 22);
-    case 23:
-      return bit(edx, 23);
-    case 24:
-      return bit(edx, 24);
-    case 25:
-      return bit(ext_edx, 30);
-    case 26:
-      return bit(ext_edx, 31);
-    case 27:
-      return bit(ext_edx, 22);
-    case 28:
-      return bit(edx, 25);
-    case kQuerySse2:
-      return bit(edx, 26);
-    case kQuerySse3:
-      return bit(snapshot->feature_ecx, 0);
-    default:
-      break;
+  if (query >= kFirstFeatureQuery && query <= kLastFeatureQuery) {
+    const FeatureQuestion& q = kFeatureQuestions[query - kFirstFeatureQuery];
+    uint32_t answer = q.fixed;
+    if (q.edx >= 0) answer |= bit(snapshot->feature_edx, static_cast<uint32_t>(q.edx));
+    if (q.ecx >= 0) answer |= bit(snapshot->feature_ecx, static_cast<uint32_t>(q.ecx));
+    if (q.ext_edx >= 0) answer |= bit(snapshot->ext_feature_edx, static_cast<uint32_t>(q.ext_edx));
+    return answer;
   }
   // The cache questions. The vendor is asked silently: its line stands once
   // in a trace, at the cpu type.

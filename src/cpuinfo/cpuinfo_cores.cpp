@@ -10,6 +10,10 @@
 
 namespace {
 
+// Core counting tells the vendor by the last four characters of leaf 0
+// alone, in ECX, where the classification compares all twelve: a part
+// whose name ends in "ntel" is counted as Intel's even when it isn't
+// classified as one. The report's counts depend on this test as it stands.
 constexpr uint32_t kVendorIntelEcx = 0x6C65746E;  // "ntel"
 constexpr uint32_t kVendorAmdEcx = 0x444D4163;    // "cAMD"
 constexpr uint32_t kHttBit = 0x10000000;
