@@ -351,6 +351,11 @@ void open_native(SysEnv* env, const SysFileNativePath* path, int32_t text, int32
   *file = handle;
 }
 
+void release_path(SysEnv* env, SysFileNativePath* native) {
+  if (native->owned != nullptr) SYSENV_FREE(env, native->owned);
+  *native = {nullptr, nullptr};
+}
+
 int32_t* status_or(int32_t* status, int32_t* local) { return status != nullptr ? status : local; }
 
 // The part both line readers share: up to `room` bytes of the next line into
@@ -397,7 +402,7 @@ void sysfile_open_wide(SysEnv* env, const uint16_t* path, int32_t text, int32_t 
   *status = sysfile_os_path_wide(env, path, &native);
   if (*status != 0) return;
   open_native(env, &native, text, read, write, append, compression, level, file, status);
-  sysfile_os_path_release(env, &native);
+  release_path(env, &native);
 }
 
 void sysfile_open(SysEnv* env, const char* path, int32_t text, int32_t read, int32_t write,
@@ -422,7 +427,7 @@ void sysfile_open(SysEnv* env, const char* path, int32_t text, int32_t read, int
   *status = sysfile_os_path_utf8(env, path, &native);
   if (*status != 0) return;
   open_native(env, &native, text, read, write, append, compression, level, file, status);
-  sysfile_os_path_release(env, &native);
+  release_path(env, &native);
 }
 
 int32_t sysfile_close(SysFile** file) {

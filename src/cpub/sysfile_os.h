@@ -13,7 +13,7 @@ extern "C" {
 enum SysFileDirection { SYSFILE_DIR_READ = 0, SYSFILE_DIR_WRITE = 1, SYSFILE_DIR_APPEND = 2 };
 
 // A path ready for the platform's open call; `owned` is a block of the
-// environment to release, or null.
+// environment that the file object releases after the open, or null.
 struct SysFileNativePath {
   const void* path;
   void* owned;
@@ -24,7 +24,6 @@ struct SysFileNativePath {
 // platform can't be given.
 int32_t sysfile_os_path_utf8(SysEnv* env, const char* path, SysFileNativePath* native);
 int32_t sysfile_os_path_wide(SysEnv* env, const uint16_t* path, SysFileNativePath* native);
-void sysfile_os_path_release(SysEnv* env, SysFileNativePath* native);
 
 // Opens for one direction in binary; new files get owner read and write.
 // The descriptor, or -1.

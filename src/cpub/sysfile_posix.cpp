@@ -27,11 +27,6 @@ int32_t sysfile_os_path_wide(SysEnv* env, const uint16_t* path, SysFileNativePat
   return SYSFILE_OK;
 }
 
-void sysfile_os_path_release(SysEnv* env, SysFileNativePath* native) {
-  if (native->owned != nullptr) SYSENV_FREE(env, native->owned);
-  *native = {nullptr, nullptr};
-}
-
 int sysfile_os_open(const SysFileNativePath* native, SysFileDirection direction) {
   // The descriptor stays with this process: a child started later must not
   // keep the file open.

@@ -28,11 +28,6 @@ int32_t sysfile_os_path_wide(SysEnv* /*env*/, const uint16_t* path, SysFileNativ
   return SYSFILE_OK;
 }
 
-void sysfile_os_path_release(SysEnv* env, SysFileNativePath* native) {
-  if (native->owned != nullptr) SYSENV_FREE(env, native->owned);
-  *native = {nullptr, nullptr};
-}
-
 int sysfile_os_open(const SysFileNativePath* native, SysFileDirection direction) {
   const auto* path = static_cast<const wchar_t*>(native->path);
   switch (direction) {
