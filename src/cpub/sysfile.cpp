@@ -13,7 +13,6 @@
 #endif
 
 #include "sysenv_stream.h"
-#include "sysfile_internal.h"
 #include "sysfile_os.h"
 #include "sysutf8.h"
 #include "syszstd.h"
@@ -260,6 +259,21 @@ inline uint64_t copy_through_lf(unsigned char* to, const unsigned char* from, ui
   return true;
 }
 
+// The zlib mode text of a gzip file: direction letter, 'b', the level digit
+// (clamped to 0..9), terminator.
+void gz_mode(bool read, bool append, int32_t level, char mode[5]) {
+  int n = 0;
+  if (read) {
+    mode[n++] = 'r';
+  } else {
+    mode[n++] = append ? 'a' : 'w';
+  }
+  mode[n++] = 'b';
+  const int32_t digit = level > 9 ? 9 : level < 0 ? 0 : level;
+  mode[n++] = static_cast<char>('0' + digit);
+  mode[n] = '\0';
+}
+
 // Attaches the stream for `compression` to the opened descriptor. Returns 0,
 // or the status when it failed (the descriptor or C stream closed then).
 int32_t attach(SysEnv* env, SysFileState* s, int descriptor, SysFileDirection direction,
@@ -268,7 +282,7 @@ int32_t attach(SysEnv* env, SysFileState* s, int descriptor, SysFileDirection di
   Operations ops;
   if (compression == SYSFILE_GZIP) {
     char mode[5];
-    sysfile_gz_mode(reading ? 1 : 0, direction == SYSFILE_DIR_APPEND ? 1 : 0, level, mode);
+    gz_mode(reading, direction == SYSFILE_DIR_APPEND, level, mode);
     gzFile gz = gzdopen(descriptor, mode);
     if (gz == nullptr) {
       sysfile_os_close(descriptor);
@@ -373,19 +387,6 @@ bool next_line(SysFile* handle, char* destination, uint64_t room, uint64_t* n,
 }  // namespace
 
 extern "C" {
-
-void sysfile_gz_mode(int32_t read, int32_t append, int32_t level, char mode[5]) {
-  int n = 0;
-  if (read != 0) {
-    mode[n++] = 'r';
-  } else {
-    mode[n++] = append != 0 ? 'a' : 'w';
-  }
-  mode[n++] = 'b';
-  const int32_t digit = level > 9 ? 9 : level < 0 ? 0 : level;
-  mode[n++] = static_cast<char>('0' + digit);
-  mode[n] = '\0';
-}
 
 void sysfile_open_wide(SysEnv* env, const uint16_t* path, int32_t text, int32_t read,
                        int32_t write, int32_t append, int32_t compression, int32_t level,
