@@ -11,10 +11,6 @@ int32_t sysmutex_create(sysmutex* mutex) {
   return InitializeCriticalSectionAndSpinCount(section, kSpinCount) ? 0 : 1;
 }
 
-int32_t sysmutex_lock(sysmutex* mutex) { return mutex != nullptr ? sysmutex_enter(mutex) : 1; }
-
-int32_t sysmutex_unlock(sysmutex* mutex) { return mutex != nullptr ? sysmutex_leave(mutex) : 1; }
-
 int32_t sysmutex_destroy(sysmutex* mutex) {
   if (mutex == nullptr) return 1;
   DeleteCriticalSection(sysmutex_native(mutex));
