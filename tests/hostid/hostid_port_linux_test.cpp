@@ -1,4 +1,4 @@
-// What the POSIX port stands in for: the class key made from sysfs, the
+// What the Linux port stands in for: the class key made from sysfs, the
 // conversion from the locale's character set, and the routes that don't
 // exist here.
 #include <gtest/gtest.h>
@@ -13,7 +13,7 @@ namespace {
 
 const HostidPort& p = *hostid_port_system();
 
-TEST(PosixPort, PhysicalMeansADeviceBehindTheInterface) {
+TEST(LinuxPort, PhysicalMeansADeviceBehindTheInterface) {
   int seen = 0;
   for (const auto& entry : std::filesystem::directory_iterator("/sys/class/net")) {
     std::string name = entry.path().filename().string();
@@ -27,7 +27,7 @@ TEST(PosixPort, PhysicalMeansADeviceBehindTheInterface) {
   EXPECT_EQ(hostid_adapter_is_physical("LO"), 0);
 }
 
-TEST(PosixPort, TheLocalesCharacterSetToUtf16) {
+TEST(LinuxPort, TheLocalesCharacterSetToUtf16) {
   const char* saved = std::getenv("LC_ALL");
   std::string before = saved != nullptr ? saved : "";
   uint16_t out[8];
@@ -44,7 +44,7 @@ TEST(PosixPort, TheLocalesCharacterSetToUtf16) {
   saved != nullptr ? setenv("LC_ALL", before.c_str(), 1) : unsetenv("LC_ALL");
 }
 
-TEST(PosixPort, OnlyTheIpHelperRouteExists) {
+TEST(LinuxPort, OnlyTheIpHelperRouteExists) {
   EXPECT_EQ(p.load_library(p.handle, "NETAPI32.Dll"), nullptr);
   EXPECT_EQ(p.load_library(p.handle, "WSOCK32.Dll"), nullptr);
   EXPECT_NE(p.load_library(p.handle, "ws2_32.dll"), nullptr);  // names without case, as on Windows

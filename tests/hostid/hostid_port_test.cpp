@@ -59,7 +59,6 @@ TEST(RealPort, ClockVersionEnvironmentAndTheHostName) {
 
   std::string expected = read_line(HOSTKIT_TEST_ROOT "/proc/sys/kernel/hostname");
   ASSERT_FALSE(expected.empty());
-  hostid_process_reset();
   ASSERT_EQ(netlayer_load(), 1);
   char buffer[1024] = {};
   ASSERT_EQ(netlayer_gethostname(buffer, 1024), 0);
