@@ -29,9 +29,13 @@ uint32_t win_version(void*) { return static_cast<uint32_t>(GetVersion()); }
 
 int32_t win_process_id(void*) { return static_cast<int32_t>(GetCurrentProcessId()); }
 
-void* win_heap_alloc(void*, uint64_t size) { return std::calloc(1, static_cast<size_t>(size)); }
+void* win_heap_alloc(void*, uint64_t size) {
+  return HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, static_cast<SIZE_T>(size));
+}
 
-void win_heap_free(void*, void* block) { std::free(block); }
+void win_heap_free(void*, void* block) {
+  if (block != nullptr) HeapFree(GetProcessHeap(), 0, block);
+}
 
 uint32_t win_set_error_mode(void*, uint32_t mode) { return SetErrorMode(mode); }
 
