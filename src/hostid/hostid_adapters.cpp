@@ -1,5 +1,7 @@
 // The machine's hardware addresses: a process-wide cache over three routes,
-// the IP helper adapter list, the workstation transports and NetBIOS.
+// the IP helper adapter list, the workstation transports and NetBIOS. Each
+// route makes an ordered list of addresses; the answer's chain is built from
+// such a list, a fresh one or the cached one, in hostid_chain_build.
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -9,15 +11,11 @@
 
 namespace {
 
-using Address = std::array<uint8_t, 6>;
-
 constexpr uint32_t kIpHelperFamily = 0;    // unspecified
 constexpr uint32_t kIpHelperFlags = 0x2F;  // no unicast, anycast, multicast, DNS, friendly name
 constexpr uint32_t kTransportPreferredLength = 0x1000;
 constexpr uint32_t kRegistryRead = 0x20019;
 constexpr uint32_t kOlderFamily = 0x80000000u;
-constexpr const char* kAdapterClassKey =
-    "SYSTEM\\CurrentControlSet\\Control\\Class\\{4D36E972-E325-11CE-BFC1-08002BE10318}";
 constexpr uint8_t kNetbiosReset = 0x32;
 constexpr uint8_t kNetbiosStatus = 0x33;
 constexpr uint8_t kNetbiosEnum = 0x37;
@@ -29,19 +27,21 @@ constexpr std::array<const char16_t*, 5> kSkippedDescriptions = {
     u"Teredo Tunneling Pseudo-Interface", u"Loopback Pseudo-Interface"};
 constexpr const char16_t* kMultiplexor = u"Microsoft Network Adapter Multiplexor";
 
-struct AddressCache {
-  // One list for each value of physical_only.
-  std::array<std::array<Address, HOSTID_CACHE_ADDRESSES>, 2> lists;
-  std::array<uint32_t, 2> counts;
-  int64_t time;
+// A route's result: the addresses in the order the route found them.
+struct AddressList {
+  uint8_t addresses[HOSTID_MAX_ADDRESSES][6];
+  int32_t count;
 };
 
 enum class Switch { unread, unset, set };
 
 struct AdapterState {
-  std::array<Address, HOSTID_MAX_ADDRESSES> adapter_list;
-  int32_t adapter_count;
-  AddressCache cache;
+  AddressList adapter_list;  // the IP helper route's last result
+  // The addresses of the last refresh, one list for each value of
+  // physical_only, under one stamp.
+  uint8_t cache[2][HOSTID_CACHE_ADDRESSES][6];
+  uint32_t cache_counts[2];
+  int64_t cache_time;
   int32_t ip_helper_loaded;
   HostidProc ip_helper_get_addresses;
   Switch netbios_switch;
@@ -74,42 +74,23 @@ bool wide_contains(const uint16_t* text, const char16_t* part) {
 
 uint32_t cache_slot() { return g_state.physical_only != 0 ? 1u : 0u; }
 
-// Puts the addresses into the chain at context->records: the first into the
-// head, each further one into a new record behind the last. When a record
-// can't be had the chain ends with the addresses it holds so far, still
-// well formed, and the rest of that answer is dropped.
-void build_chain(HostIdContext* context, const Address* addresses, int32_t count) {
-  HostIdRecord* last = context->records;
-  if (last == nullptr) return;
-  for (int32_t i = 0; i < count; ++i) {
-    HostIdRecord* record = i == 0 ? last : hostid_record_new();
-    if (record == nullptr) return;
-    record->type = HOSTID_TYPE_ETHER;
-    std::memcpy(record->value.address, addresses[i].data(), 6);
-    if (i > 0) {
-      last->next = record;
-      last = record;
-    }
-  }
-}
-
-// Builds the chain and keeps the addresses in the cache list of the current
-// physical_only. A list holds 5 addresses; a result with more is left out of
-// the cache altogether (its list stays empty, so the next call enumerates
-// again): a cached answer is then never a shortened one.
-int32_t deliver(HostIdContext* context, const Address* addresses, int32_t count) {
-  if (count == 0) return 0;
-  build_chain(context, addresses, count);
+// Builds the answer's chain from the list and keeps the list in the cache
+// list of the current physical_only. A cache list holds 5 addresses; a result
+// with more is left out of the cache altogether (its list stays empty, so the
+// next call enumerates again): a cached answer is never a shortened one.
+int32_t deliver(HostIdContext* context, const AddressList& list) {
+  if (list.count == 0) return 0;
+  hostid_chain_build(context->records, list.addresses, list.count);
   uint32_t slot = cache_slot();
-  if (count <= HOSTID_CACHE_ADDRESSES) {
-    for (int32_t i = 0; i < count; ++i) {
-      g_state.cache.lists[slot][g_state.cache.counts[slot]++] = addresses[i];
-    }
+  if (list.count <= HOSTID_CACHE_ADDRESSES) {
+    std::memcpy(g_state.cache[slot], list.addresses, 6 * static_cast<size_t>(list.count));
+    g_state.cache_counts[slot] = static_cast<uint32_t>(list.count);
   }
   return 1;
 }
 
-int32_t transport_route(std::array<Address, HOSTID_MAX_ADDRESSES>& list, int32_t& count) {
+// The workstation transports: 0, or -1 when the route couldn't run.
+int32_t transport_route(AddressList& list) {
   const HostidPort& p = port();
   void* library = p.load_library(p.handle, "NETAPI32.Dll");
   if (library == nullptr) return -1;
@@ -127,9 +108,9 @@ int32_t transport_route(std::array<Address, HOSTID_MAX_ADDRESSES>& list, int32_t
     return -1;
   }
   for (uint32_t i = 0; i < entries; ++i) {
-    Address address{};
-    if (hostid_transport_address_parse(p.transport_address(p.handle, buffer, i), address.data())) {
-      hostid_address_add(reinterpret_cast<uint8_t(*)[6]>(list.data()), &count, address.data());
+    uint8_t address[6];
+    if (hostid_transport_address_parse(p.transport_address(p.handle, buffer, i), address)) {
+      hostid_address_add(list.addresses, &list.count, address);
     }
   }
   p.transport_free(p.handle, free_buffer, buffer);
@@ -139,42 +120,34 @@ int32_t transport_route(std::array<Address, HOSTID_MAX_ADDRESSES>& list, int32_t
 
 // The NetBIOS route of the older family: the first six bytes of each LAN
 // adapter's status, until a status fails.
-int32_t netbios_route(HostIdContext* context) {
+void netbios_route(AddressList& list) {
   const HostidPort& p = port();
-  std::array<Address, HOSTID_MAX_ADDRESSES> list{};
-  int32_t count = 0;
   void* library = p.load_library(p.handle, "NETAPI32.Dll");
-  if (library == nullptr) return 0;
+  if (library == nullptr) return;
   HostidProc netbios = p.get_function(p.handle, library, "Netbios");
-  if (netbios != nullptr) {
-    std::array<uint8_t, 256> lanas{};  // a count and up to 255 adapter numbers
-    if (p.netbios(p.handle, netbios, kNetbiosEnum, 0, nullptr, lanas.data(),
-                  static_cast<uint16_t>(lanas.size())) == 0) {
-      char name[16];
-      std::memset(name, ' ', sizeof name);
-      name[0] = '*';
-      for (uint32_t i = 0; i < lanas[0]; ++i) {
-        uint8_t lana = lanas[1 + i];
-        p.netbios(p.handle, netbios, kNetbiosReset, lana, nullptr, nullptr, 0);
-        std::array<uint8_t, 600> status{};
-        if (p.netbios(p.handle, netbios, kNetbiosStatus, lana, name, status.data(),
-                      static_cast<uint16_t>(status.size())) != 0) {
-          break;
-        }
-        hostid_address_add(reinterpret_cast<uint8_t(*)[6]>(list.data()), &count, status.data());
+  std::array<uint8_t, 256> lanas{};  // a count and up to 255 adapter numbers
+  if (netbios != nullptr && p.netbios(p.handle, netbios, kNetbiosEnum, 0, nullptr, lanas.data(),
+                                      static_cast<uint16_t>(lanas.size())) == 0) {
+    char name[16];
+    std::memset(name, ' ', sizeof name);
+    name[0] = '*';
+    for (uint32_t i = 0; i < lanas[0]; ++i) {
+      uint8_t lana = lanas[1 + i];
+      p.netbios(p.handle, netbios, kNetbiosReset, lana, nullptr, nullptr, 0);
+      std::array<uint8_t, 600> status{};
+      if (p.netbios(p.handle, netbios, kNetbiosStatus, lana, name, status.data(),
+                    static_cast<uint16_t>(status.size())) != 0) {
+        break;
       }
+      hostid_address_add(list.addresses, &list.count, status.data());
     }
   }
   p.free_library(p.handle, library);
-  return deliver(context, list.data(), count);
 }
 
 }  // namespace
 
-void hostid_adapters_process_reset() { g_state = AdapterState{}; }
-
 extern "C" void hostid_set_physical_only(int32_t on) { g_state.physical_only = on != 0 ? 1 : 0; }
-extern "C" int32_t hostid_physical_only(void) { return g_state.physical_only; }
 
 extern "C" int32_t hostid_address_add(uint8_t list[][6], int32_t* count, const uint8_t address[6]) {
   if (std::memcmp(address, "DEST", 4) == 0) return 0;
@@ -233,7 +206,7 @@ extern "C" void hostid_ip_helper_load(void) {
 extern "C" int32_t hostid_adapter_is_physical(const char* name) {
   const HostidPort& p = port();
   void* key = nullptr;
-  if (p.reg_open(p.handle, nullptr, kAdapterClassKey, kRegistryRead, &key) != 0) return 0;
+  if (p.reg_open(p.handle, nullptr, HOSTID_ADAPTER_CLASS_KEY, kRegistryRead, &key) != 0) return 0;
   uint32_t subkeys = 0;
   uint32_t longest = 0;
   int32_t decided = 0;
@@ -307,10 +280,10 @@ extern "C" void hostid_adapters_from_ip_helper(int32_t physical_only) {
     // The list keeps the first ten adapters that pass, in the order of the
     // enumeration; later ones are left out.
     if (kept == HOSTID_MAX_ADDRESSES) break;
-    std::memcpy(g_state.adapter_list[static_cast<size_t>(kept)].data(), adapter.address, 6);
+    std::memcpy(g_state.adapter_list.addresses[kept], adapter.address, 6);
     ++kept;
   }
-  g_state.adapter_count = kept;
+  g_state.adapter_list.count = kept;
   hostid_heap_free(buffer);
 }
 
@@ -326,29 +299,27 @@ extern "C" int32_t hostid_adapters_enumerate(HostIdContext* context) {
   bool too_old = (major == 4 && minor == 0) || build <= 1381 || (older_family && major >= 4);
   if (major == 4 && minor == 90) too_old = false;
 
-  std::array<Address, HOSTID_MAX_ADDRESSES> list{};
-  int32_t count = 0;
+  AddressList list{};
   if (g_state.ip_helper_get_addresses != nullptr && !too_old) {
     hostid_adapters_from_ip_helper(g_state.physical_only);
     list = g_state.adapter_list;
-    count = g_state.adapter_count;
-  } else if (transport_route(list, count) != 0) {
+  } else if (transport_route(list) != 0) {
     return -1;
   }
-  return deliver(context, list.data(), count);
+  return deliver(context, list);
 }
 
 extern "C" int32_t hostid_read_adapter_addresses(HostIdContext* context) {
   const HostidPort& p = port();
   uint32_t slot = cache_slot();
   int64_t now = p.now(p.handle);
-  if (g_state.cache.counts[slot] != 0 && now - HOSTID_ADDRESS_CACHE_SECONDS < g_state.cache.time) {
-    build_chain(context, g_state.cache.lists[slot].data(),
-                static_cast<int32_t>(g_state.cache.counts[slot]));
+  if (g_state.cache_counts[slot] != 0 && now - HOSTID_ADDRESS_CACHE_SECONDS < g_state.cache_time) {
+    hostid_chain_build(context->records, g_state.cache[slot],
+                       static_cast<int32_t>(g_state.cache_counts[slot]));
     return 1;
   }
-  g_state.cache.counts[slot] = 0;
-  g_state.cache.time = now;
+  g_state.cache_counts[slot] = 0;
+  g_state.cache_time = now;
 
   if (p.version(p.handle) < kOlderFamily) return hostid_adapters_enumerate(context) != 0 ? 1 : 0;
 
@@ -356,6 +327,8 @@ extern "C" int32_t hostid_read_adapter_addresses(HostIdContext* context) {
     g_state.netbios_switch =
         p.get_env(p.handle, "HID_NO_NETBIOS") != nullptr ? Switch::set : Switch::unset;
   }
-  if (g_state.netbios_switch == Switch::unset) return netbios_route(context);
-  return 0;
+  if (g_state.netbios_switch == Switch::set) return 0;
+  AddressList list{};
+  netbios_route(list);
+  return deliver(context, list);
 }

@@ -1,5 +1,6 @@
 /* The host identity context: a handle with a short-lived cache of identifier
- * records, the queries made through it, and the text form of a record chain. */
+ * records, the queries made through it, the records themselves and the text
+ * form of a chain. */
 #ifndef HOSTKIT_HOSTID_CONTEXT_H
 #define HOSTKIT_HOSTID_CONTEXT_H
 
@@ -66,9 +67,6 @@ void hostid_copy_bounded(char* destination, const char* source, int32_t limit);
 const char* hostid_chain_to_text(HostIdContext* context, const HostIdRecord* chain);
 /* `out` needs room for 1034 bytes (a host name record). */
 char* hostid_record_to_text(const HostIdRecord* record, char* out);
-
-/* The process-wide lifetime of cached hardware addresses, in seconds. */
-int32_t hostid_lifetime(void);
 
 #ifdef __cplusplus
 }

@@ -3,7 +3,6 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
-#include <string_view>
 
 #include "hostid_internal.h"
 
@@ -72,9 +71,9 @@ bool library_valid(void* library) {
   return reinterpret_cast<uintptr_t>(library) >= kFirstValidModule;
 }
 
-HostidProc function(std::string_view name) {
+HostidProc function(const char* name) {
   for (size_t i = 0; i < kCommonFunctions.size(); ++i) {
-    if (name == kCommonFunctions[i]) return g_net.table[i];
+    if (std::strcmp(name, kCommonFunctions[i]) == 0) return g_net.table[i];
   }
   return nullptr;
 }
@@ -111,8 +110,6 @@ int32_t start() {
 }
 
 }  // namespace
-
-void hostid_net_process_reset() { g_net = NetLayer{}; }
 
 extern "C" int32_t netlayer_load(void) {
   const HostidPort& p = port();

@@ -1,6 +1,4 @@
-// Process-wide state of host identification that tests and tools reach into:
-// a fresh start of the process, the heap's failure switch, and the reader of
-// the lifetime variable.
+// What the facility's own files share beyond the installed headers.
 #ifndef HOSTKIT_HOSTID_INTERNAL_H
 #define HOSTKIT_HOSTID_INTERNAL_H
 
@@ -8,22 +6,18 @@
 
 #include "hostid.h"
 
+// The registry key of the network adapter class, whose subkeys say which
+// adapters are physical. The Linux port and the tests imitate it.
+#define HOSTID_ADAPTER_CLASS_KEY \
+  "SYSTEM\\CurrentControlSet\\Control\\Class\\{4D36E972-E325-11CE-BFC1-08002BE10318}"
+
 // The lifetime that a value of HID_DEBUG_HOSTID gives (null: unset).
 int32_t hostid_lifetime_from_text(const char* text);
 
-// Forgets everything the process has learnt, as at its start: the lifetime,
-// the network layer, the adapter caches, the loaded IP helper.
-void hostid_process_reset();
-
-// Makes the Nth zero-filled allocation from now fail (counted from 1); 0
-// never fails. Returns the number of allocations made since the last call.
-int hostid_heap_fail_at(int n);
-// Blocks allocated and not yet freed.
-int64_t hostid_heap_live();
-
-// The process reset of each source file.
-void hostid_context_process_reset();
-void hostid_net_process_reset();
-void hostid_adapters_process_reset();
+// Puts `count` addresses into the chain that starts at `head`: the first into
+// the head, each further one into a new record behind the last, all of type
+// 2. When a record can't be had the chain ends with the addresses it holds
+// so far, still well formed.
+void hostid_chain_build(HostIdRecord* head, const uint8_t (*addresses)[6], int32_t count);
 
 #endif

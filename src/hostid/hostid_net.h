@@ -39,9 +39,9 @@ int32_t hostid_transport_address_parse(const uint16_t* text, uint8_t address[6])
 /* Whether only physical adapters count. Process-wide, off unless a program
  * turns it on; the report never does. */
 void hostid_set_physical_only(int32_t on);
-int32_t hostid_physical_only(void);
 
-/* The facility's heap: zero-filled blocks from the process heap. */
+/* The facility's heap: zero-filled blocks from the process heap, through
+ * the active port. */
 void* hostid_heap_calloc(uint64_t count, uint64_t size);
 void hostid_heap_free(void* block);
 

@@ -44,6 +44,10 @@ typedef struct HostidPort {
    * older family. */
   uint32_t (*version)(void* handle);
   int32_t (*process_id)(void* handle);
+  /* Zero-filled blocks of the process heap, null when there is no room;
+   * `heap_free` takes null. */
+  void* (*heap_alloc)(void* handle, uint64_t size);
+  void (*heap_free)(void* handle, void* block);
 
   /* Run-time library loading. `set_error_mode` returns the old mode. */
   uint32_t (*set_error_mode)(void* handle, uint32_t mode);

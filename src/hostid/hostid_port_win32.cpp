@@ -2,13 +2,13 @@
 // network libraries loaded at run time so that the program imports none of
 // them.
 // winsock2.h must come before windows.h, and both before the others.
+// clang-format off
 #include <winsock2.h>
-
 #include <windows.h>
-
 #include <iphlpapi.h>
 #include <lm.h>
 #include <nb30.h>
+// clang-format on
 
 #include <cstdlib>
 #include <cstring>
@@ -28,6 +28,14 @@ const char* win_get_env(void*, const char* name) { return std::getenv(name); }
 uint32_t win_version(void*) { return static_cast<uint32_t>(GetVersion()); }
 
 int32_t win_process_id(void*) { return static_cast<int32_t>(GetCurrentProcessId()); }
+
+void* win_heap_alloc(void*, uint64_t size) {
+  return HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, static_cast<SIZE_T>(size));
+}
+
+void win_heap_free(void*, void* block) {
+  if (block != nullptr) HeapFree(GetProcessHeap(), 0, block);
+}
 
 uint32_t win_set_error_mode(void*, uint32_t mode) { return SetErrorMode(mode); }
 
@@ -178,6 +186,8 @@ const HostidPort kWin32Port = {
     win_get_env,
     win_version,
     win_process_id,
+    win_heap_alloc,
+    win_heap_free,
     win_set_error_mode,
     win_load_library,
     win_get_function,

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 
 namespace hostid_test {
@@ -16,12 +17,7 @@ using Library = std::pair<const std::string, std::set<std::string>>;
 
 void fake_function() {}
 char g_mutex;
-
-// The adapter buffer: an array of entries, each with its successor.
-struct Entry {
-  HostidAdapter adapter;
-  const Entry* next;
-};
+bool g_machine_made = false;
 
 uint32_t get_adapters(void* h, HostidProc, uint32_t family, uint32_t flags, void* buffer,
                       uint32_t* size) {
@@ -30,20 +26,12 @@ uint32_t get_adapters(void* h, HostidProc, uint32_t family, uint32_t flags, void
   EXPECT_EQ(flags, 0x2Fu);
   ++f.adapter_calls;
   if (f.adapters_result != 0) return f.adapters_result;
-  if (f.adapters.empty()) return HOSTID_STATUS_NO_DATA;
-  auto needed = static_cast<uint32_t>(sizeof(Entry) * f.adapters.size());
-  if (buffer == nullptr || *size < needed) {
-    *size = needed;
-    return HOSTID_STATUS_BUFFER_OVERFLOW;
+  std::vector<HostidAdapter> list;
+  for (const FakeAdapter& a : f.adapters) {
+    list.push_back({a.name.c_str(), reinterpret_cast<const uint16_t*>(a.description.c_str()),
+                    a.address.data(), static_cast<uint32_t>(a.address.size())});
   }
-  auto* entries = static_cast<Entry*>(buffer);
-  for (size_t i = 0; i < f.adapters.size(); ++i) {
-    const FakeAdapter& a = f.adapters[i];
-    entries[i].adapter = {a.name.c_str(), reinterpret_cast<const uint16_t*>(a.description.c_str()),
-                          a.address.data(), static_cast<uint32_t>(a.address.size())};
-    entries[i].next = i + 1 < f.adapters.size() ? &entries[i + 1] : nullptr;
-  }
-  return 0;
+  return windata_adapters(list.data(), static_cast<uint32_t>(list.size()), buffer, size);
 }
 
 uint8_t netbios(void* h, HostidProc, uint8_t command, uint8_t lana, const char* name,
@@ -56,8 +44,8 @@ uint8_t netbios(void* h, HostidProc, uint8_t command, uint8_t lana, const char* 
     return 0;
   }
   if (command == 0x32) return 0;  // reset
-  if (command != 0x33) return 0xFF;
-  ++f.netbios_status_calls;  // adapter status
+  ++f.netbios_status_calls;       // adapter status
+  EXPECT_EQ(command, 0x33);
   EXPECT_EQ(std::string(name, 16), "*               ");
   EXPECT_EQ(length, 600);
   auto it = f.lana_status.find(lana);
@@ -66,48 +54,13 @@ uint8_t netbios(void* h, HostidProc, uint8_t command, uint8_t lana, const char* 
   return 0;
 }
 
-// A registry key is its entry; the class key is the list of entries.
-int32_t reg_open(void* h, void* parent, const char* path, uint32_t access, void** key) {
-  FakePort& f = fake(h);
-  EXPECT_EQ(access, 0x20019u);  // KEY_READ
-  *key = nullptr;
-  const std::string class_key =
-      "SYSTEM\\CurrentControlSet\\Control\\Class\\{4D36E972-E325-11CE-BFC1-08002BE10318}";
-  if (parent == nullptr) {
-    if (!f.class_key_opens || path != class_key) return 2;
-    *key = &f.class_entries;
-  } else {
-    auto it = std::find_if(f.class_entries.begin(), f.class_entries.end(),
-                           [&](const FakeRegistryEntry& e) { return e.subkey == path; });
-    if (it == f.class_entries.end()) return 2;
-    if (!it->opens) return 5;
-    *key = &*it;
-  }
-  ++f.registry_open_keys;
-  return 0;
-}
-
-int32_t reg_query_value(void* h, void* key, const char* name, uint8_t* data, uint32_t* size) {
-  if (key == &fake(h).class_entries) return 2;
-  const auto* e = static_cast<const FakeRegistryEntry*>(key);
-  std::string value;
-  if (std::strcmp(name, "NetCfgInstanceId") == 0 && e->instance != nullptr) {
-    value.assign(e->instance, std::strlen(e->instance) + 1);
-  } else if (std::strcmp(name, "Characteristics") == 0 && e->characteristics >= 0) {
-    auto c = static_cast<uint32_t>(e->characteristics);
-    value.assign(reinterpret_cast<const char*>(&c), 4);
-  } else {
-    return 2;
-  }
-  if (*size < value.size()) return 234;
-  std::memcpy(data, value.data(), value.size());
-  *size = static_cast<uint32_t>(value.size());
-  return 0;
-}
-
 }  // namespace
 
 FakePort::FakePort() {
+  // The facility's process-wide state (caches, loaded libraries, the
+  // lifetime) belongs to one machine.
+  EXPECT_FALSE(g_machine_made) << "one machine per process: run each case on its own";
+  g_machine_made = true;
   HostidPort& p = port;
   p.handle = this;
   p.now = [](void* h) { return fake(h).clock; };
@@ -117,6 +70,16 @@ FakePort::FakePort() {
   };
   p.version = [](void* h) { return fake(h).version; };
   p.process_id = [](void*) { return int32_t{4242}; };
+  p.heap_alloc = [](void* h, uint64_t size) -> void* {
+    FakePort& f = fake(h);
+    if (++f.allocations == f.fail_at) return nullptr;
+    ++f.live_blocks;
+    return std::calloc(1, static_cast<size_t>(size));
+  };
+  p.heap_free = [](void* h, void* block) {
+    if (block != nullptr) --fake(h).live_blocks;
+    std::free(block);
+  };
   p.set_error_mode = [](void* h, uint32_t mode) {
     ++fake(h).error_mode_sets;
     return std::exchange(fake(h).error_mode, mode);
@@ -172,61 +135,49 @@ FakePort::FakePort() {
     return length;
   };
   p.get_adapters = get_adapters;
-  p.adapter_first = [](void*, const void* buffer) { return buffer; };
-  p.adapter_next = [](void*, const void* a) -> const void* {
-    return static_cast<const Entry*>(a)->next;
-  };
-  p.adapter_read = [](void*, const void* a, HostidAdapter* out) {
-    *out = static_cast<const Entry*>(a)->adapter;
-  };
+  p.adapter_first = windata_adapter_first;
+  p.adapter_next = windata_adapter_next;
+  p.adapter_read = windata_adapter_read;
   p.transport_enum = [](void* h, HostidProc, uint32_t preferred, void** buffer, uint32_t* entries) {
     EXPECT_EQ(preferred, 0x1000u);
-    *buffer = nullptr;
-    *entries = 0;
-    if (fake(h).transport_result != 0) return fake(h).transport_result;
-    *buffer = new std::vector<std::u16string>(fake(h).transports);
-    *entries = static_cast<uint32_t>(fake(h).transports.size());
-    return 0u;
+    *buffer = fake(h).transport_result != 0 ? nullptr : &fake(h).transports;
+    *entries = fake(h).transport_result != 0 ? 0 : static_cast<uint32_t>(fake(h).transports.size());
+    return fake(h).transport_result;
   };
   p.transport_address = [](void*, const void* buffer, uint32_t index) {
     const auto& list = *static_cast<const std::vector<std::u16string>*>(buffer);
     return reinterpret_cast<const uint16_t*>(list.at(index).c_str());
   };
-  p.transport_free = [](void*, HostidProc, void* buffer) {
-    delete static_cast<std::vector<std::u16string>*>(buffer);
-  };
+  p.transport_free = [](void*, HostidProc, void*) {};
   p.netbios = netbios;
-  p.reg_open = reg_open;
-  p.reg_query_info = [](void* h, void*, uint32_t* subkeys, uint32_t* longest) {
-    *subkeys = static_cast<uint32_t>(fake(h).class_entries.size());
-    *longest = 0;
-    for (const auto& e : fake(h).class_entries) {
-      *longest = std::max(*longest, static_cast<uint32_t>(e.subkey.size()));
+  // The class key is taken from class_entries as it stands when it is opened.
+  p.reg_open = [](void* h, void* parent, const char* path, uint32_t access, void** key) {
+    FakePort& f = fake(h);
+    EXPECT_EQ(access, 0x20019u);  // KEY_READ
+    if (parent == nullptr) {
+      f.class_key = {f.class_entries.data(), static_cast<uint32_t>(f.class_entries.size())};
     }
-    return int32_t{0};
+    *key = nullptr;
+    int32_t status = parent == nullptr && !f.class_key_opens
+                         ? 2
+                         : windata_reg_open(&f.class_key, parent, path, key);
+    if (status == 0) ++f.registry_open_keys;
+    return status;
+  };
+  p.reg_query_info = [](void* h, void*, uint32_t* subkeys, uint32_t* longest) {
+    return windata_reg_query_info(&fake(h).class_key, subkeys, longest);
   };
   p.reg_enum_key = [](void* h, void*, uint32_t index, char* name, uint32_t* length) {
-    if (index >= fake(h).class_entries.size()) return int32_t{259};
-    const std::string& subkey = fake(h).class_entries[index].subkey;
-    if (*length < subkey.size() + 1) return int32_t{234};
-    std::memcpy(name, subkey.c_str(), subkey.size() + 1);
-    *length = static_cast<uint32_t>(subkey.size());
-    return int32_t{0};
+    return windata_reg_enum_key(&fake(h).class_key, index, name, length);
   };
-  p.reg_query_value = reg_query_value;
+  p.reg_query_value = [](void* h, void* key, const char* name, uint8_t* data, uint32_t* size) {
+    return windata_reg_query_value(&fake(h).class_key, key, name, data, size);
+  };
   p.reg_close = [](void* h, void*) { --fake(h).registry_open_keys; };
-  hostid_process_reset();
-  hostid_heap_fail_at(0);
   hostid_port_set(&port);
 }
 
-FakePort::~FakePort() {
-  hostid_port_set(nullptr);
-  hostid_process_reset();
-  hostid_heap_fail_at(0);
-}
-
-Context::Context() { EXPECT_EQ(hostid_context_open(&handle), 0); }
+FakePort::~FakePort() { hostid_port_set(nullptr); }
 
 std::string query(HostIdContext* context, int32_t type, int32_t* status) {
   char buffer[HOSTID_QUERY_BUFFER_SIZE];

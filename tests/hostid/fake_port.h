@@ -1,7 +1,9 @@
 // A machine made of plain data for the host identification rules: a clock the
-// test sets, an environment, a version number, libraries, adapters,
-// transports, NetBIOS adapters and a registry. The calls the rules make are
-// counted. Also the helpers the rule tests share.
+// test sets, an environment, a version number, a heap that fails on demand,
+// libraries, adapters, transports, NetBIOS adapters and a registry. The calls
+// the rules make are counted. The facility keeps process-wide state, so a
+// process makes one machine: each test case runs in a process of its own
+// (ctest starts them one by one).
 #ifndef HOSTKIT_TESTS_HOSTID_FAKE_PORT_H
 #define HOSTKIT_TESTS_HOSTID_FAKE_PORT_H
 
@@ -12,6 +14,7 @@
 #include <vector>
 
 #include "hostid_internal.h"
+#include "hostid_windata.h"
 
 namespace hostid_test {
 
@@ -19,13 +22,6 @@ struct FakeAdapter {
   std::string name;
   std::u16string description;
   std::vector<uint8_t> address;
-};
-
-struct FakeRegistryEntry {
-  std::string subkey;
-  const char* instance;     // null: no NetCfgInstanceId value
-  int64_t characteristics;  // negative: no Characteristics value
-  bool opens = true;
 };
 
 struct FakePort {
@@ -46,8 +42,10 @@ struct FakePort {
   std::vector<uint8_t> lanas;
   std::map<uint8_t, std::vector<uint8_t>> lana_status;  // missing: the status fails
   bool class_key_opens = true;
-  std::vector<FakeRegistryEntry> class_entries;
+  std::vector<WindataClassEntry> class_entries;
+  WindataClassKey class_key{};
   bool mutex_exists = false, mutex_fails = false;
+  int fail_at = 0;  // the allocation of this number fails (counted from 1), 0 none
 
   // What the rules did.
   std::vector<std::string> loads, lookups, mutex_names;
@@ -56,9 +54,10 @@ struct FakePort {
   int library_frees = 0, error_mode_sets = 0, startups = 0, host_name_reads = 0;
   int adapter_calls = 0, netbios_status_calls = 0, mutex_waits = 0, mutex_releases = 0;
   int mutex_closes = 0, registry_open_keys = 0;  // the keys open now
+  int allocations = 0, live_blocks = 0;
 
-  // Installs this machine as the active port and starts the process afresh;
-  // the destructor puts the real port back.
+  // Installs this machine as the active port; the destructor puts the real
+  // port back.
   FakePort();
   ~FakePort();
   FakePort(const FakePort&) = delete;
@@ -68,6 +67,8 @@ struct FakePort {
                    const std::u16string& description = u"Ethernet adapter") {
     adapters.push_back({name, description, address});
   }
+  // Makes the Nth allocation from now fail.
+  void fail_allocation(int n) { fail_at = allocations + n; }
 
   HostidPort port{};
 };
@@ -75,7 +76,7 @@ struct FakePort {
 // A context opened for the length of a scope.
 struct Context {
   HostIdContext* handle = nullptr;
-  Context();
+  Context() { hostid_context_open(&handle); }
   ~Context() { hostid_context_close(handle); }
 };
 

@@ -12,8 +12,6 @@
 
 namespace {
 
-using hostid_test::FakePort;
-
 // The lines after the heading, without the CR of Windows text mode.
 std::string host_block_of_a_run() {
   testing::internal::CaptureStdout();
@@ -34,22 +32,15 @@ std::string lines(const std::string& name, const std::string& id) {
 }
 
 TEST(HostBlock, WhatTheRoutesAndFailuresPrint) {
-  {
-    FakePort machine;  // the IP helper route keeps both
-    machine.add_adapter("{0}", {0, 0, 0, 0, 0, 0});
-    machine.add_adapter("{1}", {0xff, 0xff, 0xff, 0xff, 0xff, 0xff});
-    EXPECT_EQ(host_block_of_a_run(), lines("HOSTNAME=alpha", "\"000000000000 ffffffffffff\""));
-  }
-  {
-    FakePort machine;
-    machine.host_name_fails = true;
-    EXPECT_EQ(host_block_of_a_run(), lines("HOSTNAME=", "ffffffff"));
-  }
-  {
-    FakePort machine;
-    hostid_heap_fail_at(1);  // the context is the first block the facility allocates
-    EXPECT_EQ(host_block_of_a_run(), "Hostkit error code: -40\n");
-  }
+  hostid_test::FakePort machine;
+  machine.host_name_fails = true;
+  EXPECT_EQ(host_block_of_a_run(), lines("HOSTNAME=", "ffffffff"));
+  machine.host_name_fails = false;
+  machine.add_adapter("{0}", {0, 0, 0, 0, 0, 0});  // the IP helper route keeps both
+  machine.add_adapter("{1}", {0xff, 0xff, 0xff, 0xff, 0xff, 0xff});
+  EXPECT_EQ(host_block_of_a_run(), lines("HOSTNAME=alpha", "\"000000000000 ffffffffffff\""));
+  machine.fail_allocation(1);  // the context is the first block the facility allocates
+  EXPECT_EQ(host_block_of_a_run(), "Hostkit error code: -40\n");
 }
 
 }  // namespace

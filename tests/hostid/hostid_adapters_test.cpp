@@ -70,7 +70,7 @@ TEST(HostidAddressCache, OneEnumerationIn120Seconds) {
   EXPECT_EQ(read_ids(), "020000000002");
   machine.adapters_result = 0;
   machine.clock += 120;
-  hostid_heap_fail_at(2);  // the head record is the first block, the buffer the second
+  machine.fail_allocation(2);  // the head record is the first block, the buffer the second
   EXPECT_EQ(read_ids(), "020000000002");
 }
 
@@ -112,11 +112,11 @@ TEST(HostidVersions, WhichRouteRuns) {
       {version_of(4, 10, 2222, true), false, "older 4.10"},
       {version_of(3, 95, 0x7FFF, true), true, "older, build 0x7FFF"},
   };
+  FakePort machine;
+  machine.add_adapter("{A}", {0x02, 0, 0, 0, 0, 0x01});
+  machine.transports = {u"020000000002"};
   for (const auto& [version, ip_helper, why] : cases) {
-    FakePort machine;
     machine.version = version;
-    machine.add_adapter("{A}", {0x02, 0, 0, 0, 0, 0x01});
-    machine.transports = {u"020000000002"};
     HostIdContext context{};
     context.records = hostid_record_new();
     EXPECT_EQ(hostid_adapters_enumerate(&context), 1) << why;
@@ -153,7 +153,7 @@ TEST(HostidIpHelper, FiltersTheNameTableAndOrder) {
   EXPECT_EQ(machine.mutex_names, Names{"IPHelperMutex_4242"});
   EXPECT_EQ(machine.mutex_waits, 0);  // created, so owned: no wait
   EXPECT_EQ(machine.mutex_releases + machine.mutex_closes, 2);
-  EXPECT_EQ(hostid_heap_live(), 0);  // the buffer was freed
+  EXPECT_EQ(machine.live_blocks, 0);  // the buffer was freed
 }
 
 TEST(HostidIpHelper, FirstTenInOrderAndTheCacheListOfFive) {
@@ -173,32 +173,34 @@ TEST(HostidIpHelper, FirstTenInOrderAndTheCacheListOfFive) {
   EXPECT_EQ(machine.adapter_calls, 6);
 }
 
-TEST(HostidIpHelper, LoadedOnceUnderTheMutexOrNotAtAll) {
+TEST(HostidIpHelper, LoadedOnceUnderTheMutex) {
   FakePort machine;
   machine.mutex_exists = true;
   hostid_ip_helper_load();
   hostid_ip_helper_load();
   EXPECT_EQ(machine.mutex_waits, 1);
   EXPECT_EQ(machine.loads, Names{"iphlpapi.dll"});
+}
 
-  // Without the mutex nothing is loaded and the next call tries again.
-  FakePort no_mutex;
-  no_mutex.mutex_fails = true;
+TEST(HostidIpHelper, WithoutTheMutexNothingIsLoaded) {
+  FakePort machine;
+  machine.mutex_fails = true;
   hostid_ip_helper_load();
-  hostid_ip_helper_load();
-  EXPECT_EQ(no_mutex.mutex_names.size(), 2u);
-  EXPECT_TRUE(no_mutex.loads.empty());
+  hostid_ip_helper_load();  // and the next call tries again
+  EXPECT_EQ(machine.mutex_names.size(), 2u);
+  EXPECT_TRUE(machine.loads.empty());
+}
 
-  // A library without the function: the transport route runs instead, and
-  // the load isn't tried again.
-  FakePort no_function;
-  no_function.libraries["iphlpapi.dll"] = {"GetAdaptersAddresses"};
-  no_function.transports = {u"020000000002"};
+TEST(HostidIpHelper, WithoutTheFunctionTheTransportRouteRuns) {
+  // The load isn't tried again.
+  FakePort machine;
+  machine.libraries["iphlpapi.dll"] = {"GetAdaptersAddresses"};
+  machine.transports = {u"020000000002"};
   EXPECT_EQ(read_ids(), "020000000002");
-  no_function.clock += 120;
+  machine.clock += 120;
   read_ids();
-  EXPECT_EQ(std::count(no_function.loads.begin(), no_function.loads.end(), "iphlpapi.dll"), 1);
-  EXPECT_EQ(no_function.adapter_calls, 0);
+  EXPECT_EQ(std::count(machine.loads.begin(), machine.loads.end(), "iphlpapi.dll"), 1);
+  EXPECT_EQ(machine.adapter_calls, 0);
 }
 
 TEST(HostidTransport, ParserFiltersAndTheFirstTen) {
@@ -231,21 +233,25 @@ TEST(HostidTransport, ParserFiltersAndTheFirstTen) {
 }
 
 TEST(HostidTransport, FailuresGiveTheZeroHeadAndNoCache) {
+  // No NETAPI32, each of its functions missing, the enumeration failing.
+  FakePort machine;
+  machine.libraries.erase("iphlpapi.dll");
+  machine.transports = {u"0A1B2C3D4E5F"};
   for (int variant = 0; variant < 4; ++variant) {
-    FakePort machine;
-    machine.libraries.erase("iphlpapi.dll");
-    machine.transports = {u"0A1B2C3D4E5F"};
+    machine.libraries["NETAPI32.Dll"] = {variant == 1 ? "NetApiBufferFree" : "",
+                                         variant == 2 ? "NetWkstaTransportEnum" : ""};
     if (variant == 0) machine.libraries.erase("NETAPI32.Dll");
-    if (variant == 1) machine.libraries["NETAPI32.Dll"] = {"NetApiBufferFree"};
-    if (variant == 2) machine.libraries["NETAPI32.Dll"] = {"NetWkstaTransportEnum"};
-    if (variant == 3) machine.transport_result = 234;
-    int32_t result = 0;
-    EXPECT_EQ(read_ids(&result), "000000000000") << variant;  // the head, type 2, all zero
-    EXPECT_EQ(result, 1) << variant;
-    size_t loads = machine.loads.size();
-    read_ids();
-    EXPECT_GT(machine.loads.size(), loads) << variant;                  // nothing was cached
-    EXPECT_EQ(machine.library_frees, variant == 0 ? 0 : 2) << variant;  // one per load
+    machine.transport_result = variant == 3 ? 234 : 0;
+    const int frees = machine.library_frees;
+    for (int read = 0; read < 2; ++read) {
+      int32_t result = 0;
+      EXPECT_EQ(read_ids(&result), "000000000000") << variant;  // the head, type 2, all zero
+      EXPECT_EQ(result, 1) << variant;
+    }
+    // Nothing was cached: each read loaded the library, and freed it.
+    EXPECT_EQ(std::count(machine.loads.begin(), machine.loads.end(), "NETAPI32.Dll"),
+              2 * (variant + 1));
+    EXPECT_EQ(machine.library_frees - frees, variant == 0 ? 0 : 2) << variant;
   }
 }
 
@@ -256,7 +262,7 @@ TEST(HostidPhysical, TheRegistryDecides) {
                            {"0002", "{C}", 0x84},   {"0003", "{D}", 0x1},
                            {"0004", nullptr, 0x4},  // no instance id
                            {"0005", "{E}", -1},     // no characteristics: next subkey
-                           {"0006", "{E}", 0x4},    {"0007", "{F}", 0x4, false},  // can't be opened
+                           {"0006", "{E}", 0x4},    {"0007", "{F}", 0x4, true},  // can't be opened
                            {"0008", "{F}", 0x0},    {"0009", "{G}", 0x0},
                            {"0010", "{G}", 0x4},  // the first readable match decided
                            {"0011", "{a}", 0x4}};
@@ -267,7 +273,7 @@ TEST(HostidPhysical, TheRegistryDecides) {
   EXPECT_EQ(machine.registry_open_keys, 0);  // every key opened was closed
   machine.class_key_opens = false;
   EXPECT_EQ(hostid_adapter_is_physical("{A}"), 0);
-  EXPECT_EQ(hostid_heap_live(), 0);
+  EXPECT_EQ(machine.live_blocks, 0);
 }
 
 TEST(HostidPhysical, PhysicalOnlyKeepsRegistryPhysicalAndTheMultiplexor) {
@@ -325,10 +331,9 @@ TEST(HostidChain, AFailedRecordEndsTheChainWellFormed) {
   for (uint8_t i = 1; i <= 4; ++i) machine.add_adapter("{x}", {2, 0, 0, 0, 0, i});
   // Allocations: the head, the adapter buffer, then records for the 2nd,
   // 3rd, 4th.
-  hostid_heap_fail_at(4);
+  machine.fail_allocation(4);
   EXPECT_EQ(read_ids(), numbered(1, 2));
-  hostid_heap_fail_at(0);
-  EXPECT_EQ(hostid_heap_live(), 0);
+  EXPECT_EQ(machine.live_blocks, 0);
   // The cache holds the whole list all the same.
   EXPECT_EQ(read_ids(), numbered(1, 4));
   EXPECT_EQ(machine.adapter_calls, 2);

@@ -20,11 +20,10 @@ TEST(HostidContext, OpenCloseTagAndErrors) {
   Machine machine;
   EXPECT_EQ(hostid_context_open(nullptr), HOSTID_ERR_NULL_HANDLE_SLOT);
   // The first allocation is the context itself.
-  hostid_heap_fail_at(1);
+  machine.fail_allocation(1);
   HostIdContext* context = reinterpret_cast<HostIdContext*>(0x1);
   EXPECT_EQ(hostid_context_open(&context), HOSTID_ERR_NO_MEMORY);
   EXPECT_EQ(context, nullptr);
-  hostid_heap_fail_at(0);
   hostid_context_close(nullptr);  // no error, nothing to do
 
   // A wrong tag: nothing freed, -42/166, and an earlier error is kept.
@@ -153,13 +152,12 @@ TEST(HostidCache, AFailedRecordLeavesTheBufferAndReturnsZero) {
   Machine machine;
   Context c;
   query(c.handle, 6);
-  hostid_heap_fail_at(1);  // the head record of the next miss
+  machine.fail_allocation(1);  // the head record of the next miss
   char buffer[HOSTID_QUERY_BUFFER_SIZE] = "untouched";
   EXPECT_EQ(hostid_query(c.handle, -1, buffer), 0);
   EXPECT_STREQ(buffer, "untouched");
   EXPECT_EQ(c.handle->records, nullptr);  // the old chain was discarded first
   EXPECT_EQ(c.handle->error_code, 0);
-  hostid_heap_fail_at(0);
   EXPECT_EQ(query(c.handle, -1), "0a1b2c3d4e5f");
 }
 
@@ -175,7 +173,7 @@ TEST(HostidCache, ContextsShareTheAddressListNotTheirChains) {
   hostid_context_close(a.handle);
   a.handle = nullptr;
   EXPECT_EQ(query(b.handle, -1), "\"0a1b2c3d4e5f 0a1b2c3d4e60\"");
-  EXPECT_EQ(hostid_heap_live(), 0 + 2 + 1);  // b: its chain of two and its own block
+  EXPECT_EQ(machine.live_blocks, 2 + 1);  // b: its chain of two and its own block
 }
 
 }  // namespace

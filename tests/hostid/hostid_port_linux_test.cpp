@@ -1,6 +1,5 @@
-// What the POSIX port stands in for: the class key made from sysfs, the
-// conversion from the locale's character set, and the routes that don't
-// exist here.
+// What the Linux port stands in for: the class key made from sysfs and the
+// conversion from the locale's character set.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -13,7 +12,7 @@ namespace {
 
 const HostidPort& p = *hostid_port_system();
 
-TEST(PosixPort, PhysicalMeansADeviceBehindTheInterface) {
+TEST(LinuxPort, PhysicalMeansADeviceBehindTheInterface) {
   int seen = 0;
   for (const auto& entry : std::filesystem::directory_iterator("/sys/class/net")) {
     std::string name = entry.path().filename().string();
@@ -27,7 +26,7 @@ TEST(PosixPort, PhysicalMeansADeviceBehindTheInterface) {
   EXPECT_EQ(hostid_adapter_is_physical("LO"), 0);
 }
 
-TEST(PosixPort, TheLocalesCharacterSetToUtf16) {
+TEST(LinuxPort, TheLocalesCharacterSetToUtf16) {
   const char* saved = std::getenv("LC_ALL");
   std::string before = saved != nullptr ? saved : "";
   uint16_t out[8];
@@ -42,15 +41,6 @@ TEST(PosixPort, TheLocalesCharacterSetToUtf16) {
   EXPECT_EQ(p.ansi_to_wide(p.handle, "caf\xe9", nullptr, 0), 0);
   EXPECT_EQ(p.ansi_to_wide(p.handle, "abcdefghij", out, 8), 0);  // no room
   saved != nullptr ? setenv("LC_ALL", before.c_str(), 1) : unsetenv("LC_ALL");
-}
-
-TEST(PosixPort, OnlyTheIpHelperRouteExists) {
-  EXPECT_EQ(p.load_library(p.handle, "NETAPI32.Dll"), nullptr);
-  EXPECT_EQ(p.load_library(p.handle, "WSOCK32.Dll"), nullptr);
-  EXPECT_NE(p.load_library(p.handle, "ws2_32.dll"), nullptr);  // names without case, as on Windows
-  // The version keeps the IP helper route: the NT line, 10.0, a recent build.
-  EXPECT_EQ(p.version(p.handle) & 0xFF, 10u);
-  EXPECT_GT(p.version(p.handle) >> 16, 1381u);
 }
 
 }  // namespace
