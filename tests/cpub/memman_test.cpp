@@ -56,7 +56,10 @@ void expect_trace(const std::string& path, const char* expected, const std::vect
       for (int width : {0, 10, 32}) {
         const std::string token = "<p" + std::to_string(n) + (width ? ":" + std::to_string(width) : "") + ">";
         char text[64];
-        std::snprintf(text, sizeof text, "%-*p", width, addresses[n]);
+        // The conversions of the lines themselves: a plain %p differs from a
+        // padded one on some platforms (leading zeros).
+        if (width == 0) std::snprintf(text, sizeof text, "%p", addresses[n]);
+        if (width != 0) std::snprintf(text, sizeof text, "%-*p", width, addresses[n]);
         for (size_t at; (at = line.find(token)) != line.npos;) line.replace(at, token.size(), text);
       }
     }
@@ -164,6 +167,7 @@ bool ended_with_minus_99(int status) {
 class MemmanDeathTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    user_.park = true;  // a block freed twice is still there to be read, as in a real heap
     manager_ = user_.create_manager(1);
     // No fatal callback: both fatal lines go out at threshold 0.
     memman_set_print_callback(manager_, hostkit_test::write_to_stderr, nullptr);

@@ -38,7 +38,11 @@ void CountingAllocator::free(void* handle, void* pointer) {
   auto* self = static_cast<CountingAllocator*>(handle);
   ++self->free_calls;
   self->live -= pointer != nullptr;
-  std::free(pointer);
+  if (self->park && pointer != nullptr) {
+    self->parked.push_back(pointer);
+  } else {
+    std::free(pointer);
+  }
 }
 
 void TextSink::receive(void* handle, const char* text) {

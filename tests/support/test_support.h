@@ -6,7 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "cpub.h"
 
@@ -23,6 +25,13 @@ struct CountingAllocator {
   int free_calls = 0;
   int fail_at = 0;
   int64_t live = 0;
+  // With `park`, released blocks are kept until the allocator's end, so that
+  // reading a block freed twice reads memory still owned, as in a real heap.
+  bool park = false;
+  std::vector<void*> parked;
+  ~CountingAllocator() {
+    for (void* p : parked) std::free(p);
+  }
 
   static void* malloc(void* handle, uint64_t size);
   static void* calloc(void* handle, uint64_t count, uint64_t size);
