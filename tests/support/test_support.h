@@ -6,7 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "cpub.h"
 
@@ -23,6 +25,13 @@ struct CountingAllocator {
   int free_calls = 0;
   int fail_at = 0;
   int64_t live = 0;
+  // With `park`, released blocks are kept until the allocator's end, so that
+  // reading a block freed twice reads memory still owned, as in a real heap.
+  bool park = false;
+  std::vector<void*> parked;
+  ~CountingAllocator() {
+    for (void* p : parked) std::free(p);
+  }
 
   static void* malloc(void* handle, uint64_t size);
   static void* calloc(void* handle, uint64_t count, uint64_t size);
@@ -53,10 +62,15 @@ void write_to_stderr(void* handle, const char* text);
 // Sends standard output to standard error, for death tests of code that prints.
 void stdout_to_stderr();
 
+// A death test's child may place its blocks elsewhere than its parent (on
+// Windows it is a new process): a child that must show an address writes it
+// first on a line of its own to standard error.
+void announce(const void* address);
+
 // Matches a death test's standard error that begins with `expected`, whatever
-// the runtime adds behind it. In `expected`, "<p>" stands for an address as
-// %p prints it on either platform (a death test's child may place blocks
-// elsewhere than its parent).
+// the runtime adds behind it. In `expected`, "<p>" stands for any address as
+// %p prints it on either platform, and "<a>" for the address announced on
+// the first line (which is then not part of the text).
 ::testing::Matcher<const std::string&> StartsWithText(const std::string& expected);
 
 }  // namespace hostkit_test
