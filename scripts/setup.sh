@@ -19,7 +19,7 @@ packages=(
   g++-mingw-w64-x86-64 libz-mingw-w64-dev
   wine wine64
   iproute2 util-linux binutils-mingw-w64-x86-64
-  dpkg-dev
+  dpkg-dev lintian mandoc
 )
 
 missing=()

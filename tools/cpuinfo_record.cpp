@@ -1,8 +1,13 @@
 // Reading, replaying and writing recorded machines.
 #include "cpuinfo_record.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <system_error>
 
@@ -75,37 +80,43 @@ bool parse_line(std::string_view line, CpuidEntry* entry, const char** why) {
   return true;
 }
 
-bool read_file(const std::string& path, std::string* text, std::string* error) {
-  std::FILE* file = std::fopen(path.c_str(), "rb");
-  if (file == nullptr) {
-    *error = path + ": cannot be opened";
-    return false;
+// Opens `path` for reading if it is a regular file. The open itself never
+// waits (a FIFO or a device opens at once), and the descriptor is checked
+// rather than the name, so nothing can be swapped in between. On failure
+// returns -1 with the reason in `why`; `missing` says the name isn't there.
+int open_regular(const char* path, bool* missing, std::string* why) {
+  const int fd = record_open_nowait(path);
+  if (fd < 0) {
+    *missing = errno == ENOENT;
+    *why = std::strerror(errno);
+    return -1;
   }
-  text->clear();
-  char buffer[8192];
-  size_t n = 0;
-  bool ok = true;
-  while ((n = std::fread(buffer, 1, sizeof buffer, file)) > 0) {
-    if (text->size() + n > kRecordMaxFileBytes) {
-      *error = path + ": larger than a dump can be";
-      ok = false;
-      break;
-    }
-    text->append(buffer, n);
+  struct stat status;
+  if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    close(fd);
+    *missing = false;
+    *why = "not a regular file";
+    return -1;
   }
-  if (ok && std::ferror(file)) {
-    *error = path + ": read error";
-    ok = false;
-  }
-  std::fclose(file);
-  return ok;
+  return fd;
 }
 
-bool file_exists(const std::string& path) {
-  std::FILE* file = std::fopen(path.c_str(), "rb");
-  if (file == nullptr) return false;
-  std::fclose(file);
-  return true;
+bool read_file(int fd, std::string* text, std::string* why) {
+  text->clear();
+  char buffer[8192];
+  for (;;) {
+    const auto n = read(fd, buffer, sizeof buffer);
+    if (n == 0) return true;
+    if (n < 0) {
+      *why = std::strerror(errno);
+      return false;
+    }
+    if (text->size() + static_cast<size_t>(n) > kRecordMaxFileBytes) {
+      *why = "larger than a dump can be";
+      return false;
+    }
+    text->append(buffer, static_cast<size_t>(n));
+  }
 }
 
 std::string processor_path(const char* dir, size_t index) {
@@ -222,30 +233,31 @@ bool replay_restrict_process(ReplayMachine* machine, uint64_t mask, std::string*
 bool replay_load(const char* dir, ReplayMachine* machine, std::string* error) {
   machine->processors.clear();
   // Only the first 64 processors can be reached through a 64-bit mask; the
-  // rest only count.
+  // rest only count. The list ends at the first name that isn't there; an
+  // entry that can't be read or isn't a regular file is an error.
   constexpr size_t kMaxProcessors = 1u << 20;
   size_t total = 0;
-  while (total < kMaxProcessors) {
+  for (; total < kMaxProcessors; ++total) {
     const std::string path = processor_path(dir, total);
-    if (total < 64) {
-      if (!file_exists(path)) break;
-      std::string text;
-      if (!read_file(path, &text, error)) return false;
-      CpuidRecord record;
-      std::string why;
-      if (!cpuid_record_parse(text, &record, &why)) {
-        *error = path + ": " + why;
-        return false;
-      }
-      machine->processors.push_back(std::move(record));
-    } else if (!file_exists(path)) {
-      break;
+    bool missing = false;
+    std::string why;
+    const int fd = open_regular(path.c_str(), &missing, &why);
+    if (fd < 0 && missing) {
+      if (total > 0) break;
+      why += " (a recorded machine is a folder of pu0, pu1, ...)";
     }
-    ++total;
-  }
-  if (total == 0) {
-    *error = std::string(dir) + ": no processor files (pu0, pu1, ...)";
-    return false;
+    bool ok = fd >= 0;
+    if (ok && total < 64) {
+      std::string text;
+      CpuidRecord record;
+      ok = read_file(fd, &text, &why) && cpuid_record_parse(text, &record, &why);
+      machine->processors.push_back(std::move(record));
+    }
+    if (fd >= 0) close(fd);
+    if (!ok) {
+      *error = path + ": " + why;
+      return false;
+    }
   }
   replay_set_processors(machine, total);
   return true;

@@ -64,7 +64,8 @@ void replay_set_processors(ReplayMachine* machine, size_t total);
 // one with processors the system doesn't have.
 bool replay_restrict_process(ReplayMachine* machine, uint64_t mask, std::string* error);
 
-// Loads DIR/pu0, DIR/pu1, ... up to the first missing file.
+// Loads DIR/pu0, DIR/pu1, ... up to the first missing file. Only regular
+// files are read: anything else named puN is an error, as is a missing pu0.
 bool replay_load(const char* dir, ReplayMachine* machine, std::string* error);
 
 // Makes `machine` the one behind the active port; null puts the native port
@@ -81,5 +82,9 @@ bool cpuid_dump_machine(const CpuinfoPort* port, const char* dir, std::string* e
 
 // The entries recorded for the processor the thread stands on.
 CpuidRecord cpuid_record_current(const CpuinfoPort* port);
+
+// Opens `path` read-only without waiting on it; a descriptor or -1 with
+// errno set. One for each platform.
+int record_open_nowait(const char* path);
 
 #endif

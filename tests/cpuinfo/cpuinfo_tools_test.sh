@@ -67,22 +67,29 @@ tail -n 3 "$work/restricted" > "$work/restricted.counts"
 printf 'Logical CPUs = 1\nCPU Cores    = 1\nCPU sockets  = 1\n' > "$work/expected.counts"
 check "replay with a restricted process: counts" "$work/expected.counts" "$work/restricted.counts"
 
-# 4. Errors: usage (2), a folder without dumps (1), a malformed dump (1).
+# 4. Help and version (0); bad arguments and folders that can't be read (2),
+# also a pu0 that isn't a regular file: a FIFO must not make it wait.
 expect_status() {  # expect_status STATUS ARGS...
   local want=$1; shift
-  run "$@" > /dev/null 2>&1
+  timeout -k 5 20 $runner "$@" > /dev/null 2>&1
   local got=$?
   if [ "$got" -ne "$want" ]; then echo "FAIL: $* exited $got, expected $want"; fail=1; fi
 }
-expect_status 2 "$replay"
+for tool in "$replay" "$dump"; do
+  expect_status 0 "$tool" --help
+  expect_status 0 "$tool" --version
+  expect_status 2 "$tool"
+  expect_status 2 "$tool" --bogus
+done
 expect_status 2 "$replay" --process-mask
 expect_status 2 "$replay" --process-mask zz "$machine"
 expect_status 2 "$replay" --process-mask 0x100 "$machine"
 expect_status 2 "$replay" a b
-expect_status 1 "$replay" "$work/nothing-here"
-mkdir -p "$work/bad" && printf '1 0 0 0 0 => 1 2 3\n' > "$work/bad/pu0"
-expect_status 1 "$replay" "$work/bad"
-expect_status 2 "$dump"
+expect_status 2 "$replay" "$work/nothing-here"
+mkdir -p "$work/bad" "$work/fifo" "$work/dir/pu0" && printf '1 0 0 0 0 => 1 2 3\n' > "$work/bad/pu0"
+mkfifo "$work/fifo/pu0"
+for dir in bad fifo dir; do expect_status 2 "$replay" "$work/$dir"; done
+touch "$work/file" && expect_status 2 "$dump" "$work/file"
 
 [ $fail -eq 0 ] && echo "cpuinfo tools: ok"
 exit $fail
