@@ -148,6 +148,7 @@ TEST(SysStr, BoundedCopyAndFormat) {
   sysstr_copy(sizeof buffer, buffer, nullptr);
   EXPECT_STREQ(buffer, "");
   EXPECT_EQ(sysstr_copy(0, buffer, "abc"), nullptr);
+  EXPECT_EQ(sysstr_format(sizeof buffer, buffer, "%s", ""), 0);
   EXPECT_EQ(sysstr_format(sizeof buffer, buffer, "%d-%s", 42, "ab"), 5);
   EXPECT_EQ(sysstr_format(sizeof buffer, buffer, "%s", "1234567"), 7);  // exactly fits
   EXPECT_EQ(sysstr_format(sizeof buffer, buffer, "%s", "12345678"), -1);

@@ -26,6 +26,7 @@ TEST(SysAtomic, OperationsAndFourThreadsLosingNoStep) {
   CountingAllocator user;
   SysEnv* env = user.create_env();
   SysAtomic* atomic = sysatomic_create(env, 3);
+  EXPECT_EQ(sysatomic_read(atomic, 0) + sysatomic_read(atomic, 0), 0);  // a read changes nothing
   EXPECT_EQ(sysatomic_decrement(atomic, 0), -1);
   EXPECT_EQ(sysatomic_compare_exchange(atomic, 0, 7, 100), -1);  // wrong expected: left alone
   EXPECT_EQ(sysatomic_compare_exchange(atomic, 0, -1, INT32_MAX), -1);
