@@ -66,6 +66,10 @@ TEST(SysEnv, CreationFailingAtEveryAllocation) {
   sysenv_default_free(nullptr, left);
   EXPECT_EQ(user.malloc_calls + user.calloc_calls + user.free_calls, 0);
   EXPECT_EQ(sysenv_destroy(nullptr), 0);
+  SysEnv* tracked = sysenv_create(0, 1, nullptr, nullptr, nullptr, nullptr, nullptr);
+  left = SYSENV_ALLOC(tracked, 1, 8);
+  EXPECT_EQ(sysenv_destroy(&tracked), 8);  // blocks left
+  sysenv_default_free(nullptr, static_cast<char*>(left) - 40);
 }
 
 // Stream 0 registers in the lowest free slot (once per callback and handle;
