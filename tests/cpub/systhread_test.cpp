@@ -189,7 +189,7 @@ TEST(SysCond, OneSignalWakesOneWaiter) {
     ++waiting;
     EXPECT_EQ(syscond_wait(&cond, &mutex), 0);
     ++woken;
-    sysmutex_unlock(&mutex);
+    EXPECT_EQ(sysmutex_unlock(&mutex), 0);  // the wait took the mutex again
   };
   auto seen = [&](const int& value) {
     sysmutex_lock(&mutex);
