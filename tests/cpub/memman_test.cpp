@@ -74,8 +74,8 @@ void expect_trace(const std::string& path, const char* expected, const std::vect
 TEST(MemmanMessages, TraceFileOfAShortSession) {
   CountingAllocator user;
   MemManager* manager = user.create_manager(1);
-  const std::string path = ::testing::TempDir() + "memman_trace_session.txt";
-  const std::string first = ::testing::TempDir() + "memman_trace_first.txt";
+  const std::string path = std::string("memman_trace_session.txt");
+  const std::string first = std::string("memman_trace_first.txt");
   memman_open_trace(manager, first.c_str(), "first");
   memman_open_trace(manager, path.c_str(), "session one");  // closes the first
   // Usage 0, 100 (peak 100), 300 by reallocation (peak stays), 308 with the
@@ -122,7 +122,7 @@ TEST(MemmanMessages, LevelsDecideWhatAPrintCallbackHears) {
     memman_set_print_callback(manager, TextSink::receive, &sink);
     if (c.level >= 0) memman_set_levels(manager, 0, c.level);
     // A trace file that can't be opened is silent, and so is text for none.
-    memman_open_trace(manager, (::testing::TempDir() + "no/such/folder/t.txt").c_str(), "h");
+    memman_open_trace(manager, "no/such/folder/t.txt", "h");
     memman_trace_text(manager, "lost");
     memman_trace_text(nullptr, "lost");
     memman_free("o.c", 2, manager, memman_alloc("o.c", 1, manager, 1, 8));
@@ -281,7 +281,7 @@ class MemmanFatalLevelDeathTest : public MemmanDeathTest,
 
 TEST_P(MemmanFatalLevelDeathTest, LinesCallbackTraceFileAndExit) {
   const int32_t level = GetParam();
-  const std::string path = ::testing::TempDir() + "memman_fatal_" + std::to_string(level) + ".txt";
+  const std::string path = "memman_fatal_" + std::to_string(level) + ".txt";
   unsigned char* p = block(4);
   p[4] = 0;
   memman_set_levels(manager_, 0, level);
@@ -367,7 +367,7 @@ TEST(MemmanThreads, FourThreadsChurningOneManager) {
 TEST(MemmanThreads, OpeningAndClosingTheTraceAtOnceLeavesNoStream) {
   CountingAllocator user;
   MemManager* manager = user.create_manager(1);
-  const std::string path = ::testing::TempDir() + "memman_trace_race.txt";
+  const std::string path = std::string("memman_trace_race.txt");
   auto lowest_free_descriptor = [&path] {
     std::FILE* probe = std::fopen(path.c_str(), "a");
     const int descriptor = fileno(probe);

@@ -66,6 +66,10 @@ TEST(SysEnv, CreationFailingAtEveryAllocation) {
   sysenv_default_free(nullptr, left);
   EXPECT_EQ(user.malloc_calls + user.calloc_calls + user.free_calls, 0);
   EXPECT_EQ(sysenv_destroy(nullptr), 0);
+  SysEnv* tracked = sysenv_create(0, 1, nullptr, nullptr, nullptr, nullptr, nullptr);
+  left = SYSENV_ALLOC(tracked, 1, 8);
+  EXPECT_EQ(sysenv_destroy(&tracked), 8);  // blocks left
+  sysenv_default_free(nullptr, static_cast<char*>(left) - 40);
 }
 
 // Stream 0 registers in the lowest free slot (once per callback and handle;
@@ -148,6 +152,7 @@ TEST(SysStr, BoundedCopyAndFormat) {
   sysstr_copy(sizeof buffer, buffer, nullptr);
   EXPECT_STREQ(buffer, "");
   EXPECT_EQ(sysstr_copy(0, buffer, "abc"), nullptr);
+  EXPECT_EQ(sysstr_format(sizeof buffer, buffer, "%s", ""), 0);
   EXPECT_EQ(sysstr_format(sizeof buffer, buffer, "%d-%s", 42, "ab"), 5);
   EXPECT_EQ(sysstr_format(sizeof buffer, buffer, "%s", "1234567"), 7);  // exactly fits
   EXPECT_EQ(sysstr_format(sizeof buffer, buffer, "%s", "12345678"), -1);
