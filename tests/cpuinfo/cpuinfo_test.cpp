@@ -98,7 +98,7 @@ ReplayMachine recorded(ReplayMachine* machine) {
 
 // On `machine`: the processor block, made as cpuinfo-replay makes it, is
 // `block`; the environment takes the settings the block shows; silent, the
-// counts are the same and the questions 0 to 0x3D answer `answers`.
+// counts and status are the same and the questions 0 to 0x3D answer `answers`.
 void expect_machine(ReplayMachine* machine, Faults faults, const std::string& block,
                     const std::string& answers) {
   machine->yields = 0;
@@ -120,7 +120,7 @@ void expect_machine(ReplayMachine* machine, Faults faults, const std::string& bl
   sysenv_set_stream(env, 0, &sink, hostkit_test::TextSink::receive);
   uint32_t logical = 0, cores = 0, sockets = 0;
   testing::internal::CaptureStdout();
-  cpuinfo_count_cores(env, &logical, &cores, &sockets, 0);
+  const uint32_t status = cpuinfo_count_cores(env, &logical, &cores, &sockets, 0);
   std::ostringstream answered;
   CpuIdSnapshot snapshot{};
   for (uint32_t question = 0; question <= 0x3D; ++question) {
@@ -132,6 +132,9 @@ void expect_machine(ReplayMachine* machine, Faults faults, const std::string& bl
   std::snprintf(shown, sizeof shown, "Logical CPUs = %u\nCPU Cores    = %u\nCPU sockets  = %u\n",
                 logical, cores, sockets);
   EXPECT_TRUE(block.ends_with(shown)) << shown;
+  // A restricted process ends the count before its status line, with 8.
+  const size_t flag = block.find("statusflag = ");
+  EXPECT_EQ(status, flag == std::string::npos ? 8u : std::stoul(block.substr(flag + 13)));
   sysenv_destroy(&env);
   install(nullptr);
 
