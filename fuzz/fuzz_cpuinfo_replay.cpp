@@ -2,13 +2,13 @@
 // leaves a dump or raw bytes give: no crash, no undefined behaviour, no
 // division by zero, whatever the values.
 //
-// Input: the first byte picks the form.
-//   even: the rest is text, up to 8 processor files separated by NUL bytes,
-//         read by the dump reader.
-//   odd:  the rest is raw: for up to 8 processors in turn, records of one
-//         byte choosing a leaf and 16 bytes of results; a 0xFF byte starts
-//         the next processor.
-// The second byte, when present, restricts the process mask.
+// Input: the first byte restricts the process mask (0: not at all); the
+// second picks the form of the rest:
+//   even: the text of up to 8 processor files separated by NUL bytes, read
+//         by the dump reader;
+//   odd:  one processor, raw: records of a byte choosing a leaf (below 0x80
+//         leaves 0 to 7, else 0x80000000 to 0x8000001F) and the 16 bytes of
+//         its results.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -17,48 +17,6 @@
 
 #include "cpuinfo.h"
 #include "cpuinfo_record.h"
-
-namespace {
-
-constexpr uint32_t kLeaves[] = {0,          1,          2,          4,          0x80000000,
-                                0x80000001, 0x80000002, 0x80000003, 0x80000004, 0x80000005,
-                                0x80000006, 0x80000008, 0x8000001E};
-constexpr size_t kMaxProcessors = 8;
-
-bool from_text(std::string_view text, ReplayMachine* machine) {
-  while (machine->processors.size() < kMaxProcessors) {
-    const size_t end = text.find('\0');
-    CpuidRecord record;
-    std::string error;
-    if (!cpuid_record_parse(text.substr(0, end), &record, &error)) return false;
-    machine->processors.push_back(std::move(record));
-    if (end == std::string_view::npos) break;
-    text.remove_prefix(end + 1);
-  }
-  return true;
-}
-
-void from_raw(const uint8_t* data, size_t size, ReplayMachine* machine) {
-  machine->processors.emplace_back();
-  size_t i = 0;
-  while (i < size) {
-    const uint8_t selector = data[i++];
-    if (selector == 0xFF) {
-      if (machine->processors.size() == kMaxProcessors) break;
-      machine->processors.emplace_back();
-      continue;
-    }
-    if (size - i < 16) break;
-    CpuidEntry entry;
-    entry.inmask = 1;
-    entry.in[0] = kLeaves[selector % (sizeof kLeaves / sizeof kLeaves[0])];
-    std::memcpy(entry.out, data + i, 16);
-    i += 16;
-    machine->processors.back().entries.push_back(entry);
-  }
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   // The traces go to standard output; nobody reads them here.
@@ -69,18 +27,27 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 2) return 0;
   ReplayMachine machine;
-  const uint8_t form = data[0];
-  const uint8_t restriction = data[1];
-  if ((form & 1) == 0) {
-    if (!from_text(std::string_view(reinterpret_cast<const char*>(data + 2), size - 2), &machine)) {
-      return 0;
+  std::string error;
+  if ((data[1] & 1) != 0) {
+    machine.processors.emplace_back();
+    for (size_t i = 2; i + 17 <= size; i += 17) {
+      const uint32_t leaf = data[i] < 0x80 ? data[i] % 8u : 0x80000000u + data[i] % 0x20u;
+      CpuidEntry entry{1, {leaf, 0, 0, 0}, {}};
+      std::memcpy(entry.out, data + i + 1, 16);
+      machine.processors[0].entries.push_back(entry);
     }
   } else {
-    from_raw(data + 2, size - 2, &machine);
+    std::string_view text(reinterpret_cast<const char*>(data + 2), size - 2);
+    for (size_t end = 0; end != text.npos && machine.processors.size() < 8;) {
+      end = text.find('\0');
+      if (!cpuid_record_parse(text.substr(0, end), &machine.processors.emplace_back(), &error)) {
+        return 0;
+      }
+      text.remove_prefix(end == text.npos ? text.size() : end + 1);
+    }
   }
   replay_set_processors(&machine, machine.processors.size());
-  std::string error;
-  if (restriction != 0) replay_restrict_process(&machine, restriction, &error);
+  if (data[0] != 0) replay_restrict_process(&machine, data[0], &error);
 
   replay_install(&machine);
   uint32_t logical = 0, cores = 0, sockets = 0;
