@@ -1,10 +1,9 @@
 // UTF-8 to UTF-16 against a plain decoder written here from the rules: the
-// same units, bytes consumed and replacement count for any text, and with
-// any capacity a prefix of the whole that never passes the capacity.
-#include <cstddef>
-#include <cstdint>
+// same units, bytes consumed and replacements for any text; and with any
+// capacity a prefix of the whole that never passes the capacity, whose bytes
+// consumed convert to exactly those units.
+#include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -12,67 +11,44 @@
 
 namespace {
 
-struct Decoded {
-  std::vector<uint16_t> units;
-  size_t consumed = 0;
-  int32_t bad = 0;
-};
+void check(bool condition) {
+  if (!condition) std::abort();
+}
 
-// Byte by byte, with the sequence length from the count of leading one bits.
-Decoded reference(const std::string& s) {
-  Decoded d;
+// The lead byte's leading ones give the length (2 to 5, any other count 6)
+// and its other bits the payload's start. A byte that isn't 10xxxxxx ends
+// the sequence as bad and goes with it, but for the terminator; a value above
+// 0x10FFFF is bad too, and values above 0xFFFF are surrogate pairs.
+std::u16string reference(const std::string& s, size_t* consumed, int32_t* bad) {
+  std::u16string out;
   size_t i = 0;
-  while (i < s.size()) {
-    const auto lead = static_cast<uint8_t>(s[i]);
-    if (lead < 0x80) {
-      d.units.push_back(lead);
-      ++i;
-      continue;
+  for (*bad = 0; i < s.size();) {
+    const unsigned lead = static_cast<unsigned char>(s[i]);
+    size_t ones = 0;
+    while (ones < 8 && ((lead << ones) & 0x80) != 0) ++ones;
+    const size_t length = ones == 0 ? 1 : ones >= 2 && ones <= 5 ? ones : 6;
+    uint32_t value = length == 1 ? lead : lead & (0x7Fu >> length);
+    size_t used = 1;
+    bool broken = false;
+    for (; used < length && !broken; ++used) {
+      const unsigned next = static_cast<unsigned char>(s.c_str()[i + used]);
+      broken = next >> 6 != 2;
+      if (next == 0) break;
+      value = value << 6 | (next & 0x3F);
     }
-    int ones = 0;
-    while (ones < 8 && (lead & (0x80 >> ones)) != 0) ++ones;
-    size_t length;
-    uint32_t value;
-    if (ones >= 2 && ones <= 5) {
-      length = static_cast<size_t>(ones);
-      value = lead & (0xFFu >> (ones + 1));
+    if (broken || value > 0x10FFFF) {
+      out += u'.';
+      ++*bad;
+    } else if (value < 0x10000) {
+      out += static_cast<char16_t>(value);
     } else {
-      length = 6;
-      value = lead & 1u;
-    }
-    bool bad = false;
-    size_t used = length;
-    for (size_t k = 1; k < length; ++k) {
-      if (i + k >= s.size()) {  // the terminator: not consumed
-        bad = true;
-        used = k;
-        break;
-      }
-      const auto next = static_cast<uint8_t>(s[i + k]);
-      if ((next >> 6) != 2) {
-        bad = true;
-        used = k + 1;
-        break;
-      }
-      value = value * 64 + (next & 63u);
-    }
-    if (bad || value > 0x10FFFF) {
-      d.units.push_back('.');
-      ++d.bad;
-    } else if (value <= 0xFFFF) {
-      d.units.push_back(static_cast<uint16_t>(value));
-    } else {
-      d.units.push_back(static_cast<uint16_t>(0xD800 | ((value - 0x10000) >> 10)));
-      d.units.push_back(static_cast<uint16_t>(0xDC00 | ((value - 0x10000) & 0x3FF)));
+      out += static_cast<char16_t>(0xD800 + ((value - 0x10000) >> 10));
+      out += static_cast<char16_t>(0xDC00 + (value & 0x3FF));
     }
     i += used;
   }
-  d.consumed = i;
-  return d;
-}
-
-void check(bool condition) {
-  if (!condition) std::abort();
+  *consumed = i;
+  return out;
 }
 
 }  // namespace
@@ -81,32 +57,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   // The first byte picks a capacity; the rest, up to a NUL, is the text.
   const uint64_t capacity = data[0] % 40 + 1;
-  std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
-  text = text.c_str();
-  const Decoded want = reference(text);
-
+  const std::string text = std::string(reinterpret_cast<const char*>(data + 1), size - 1).c_str();
+  size_t want_consumed = 0;
+  int32_t want_bad = 0;
+  const std::u16string want = reference(text, &want_consumed, &want_bad);
   uint64_t consumed = 0;
   int32_t bad = -1;
-  const uint64_t need = sysutf8_to_utf16(text.c_str(), nullptr, &consumed, 0, &bad);
-  check(need == want.units.size());
-  check(consumed == want.consumed);
-  check(bad == want.bad);
-
-  std::vector<uint16_t> whole(need + 1);
-  check(sysutf8_to_utf16(text.c_str(), whole.data(), &consumed, need + 1, &bad) == need);
-  check(need == 0 || std::memcmp(whole.data(), want.units.data(), need * 2) == 0);
-  check(whole[need] == 0);
-  check(consumed == want.consumed);
-
-  // A buffer of exactly `capacity` units: the sanitizer sees any write past it.
+  check(sysutf8_to_utf16(text.c_str(), nullptr, &consumed, 0, &bad) == want.size());
+  check(consumed == want_consumed && bad == want_bad);
+  std::vector<uint16_t> whole(want.size() + 1, 0xAAAA);
+  check(sysutf8_to_utf16(text.c_str(), whole.data(), &consumed, whole.size(), &bad) == want.size());
+  check(std::equal(want.begin(), want.end(), whole.begin()) && whole.back() == 0);
+  // Exactly `capacity` units: the sanitizer sees any write past them.
   std::vector<uint16_t> small(capacity);
   const uint64_t n = sysutf8_to_utf16(text.c_str(), small.data(), &consumed, capacity, nullptr);
-  check(n < capacity);
-  check(small[n] == 0);
-  check(n == 0 || std::memcmp(small.data(), want.units.data(), n * 2) == 0);
-  check(consumed <= text.size());
-  // What was consumed converts to exactly those units on its own.
-  const std::string head = text.substr(0, consumed);
-  check(sysutf8_to_utf16(head.c_str(), nullptr, nullptr, 0, nullptr) == n);
+  check(n < capacity && small[n] == 0 && n + 2 >= std::min<uint64_t>(capacity, want.size() + 1));
+  check(std::equal(small.begin(), small.begin() + static_cast<long>(n), want.begin()));
+  check(sysutf8_to_utf16(text.substr(0, consumed).c_str(), nullptr, nullptr, 0, nullptr) == n);
   return 0;
 }

@@ -1,129 +1,96 @@
-// Helpers of the file tests: byte files, text patterns that are easy to
-// reason about, and a recording stream to put behind a file handle.
+// Shared by the file tests and the line fuzzer: files as bytes, and the one
+// model of the readers with a seeded random driver that checks a handle
+// against it.
 #ifndef HOSTKIT_FILES_TEST_UTIL_H
 #define HOSTKIT_FILES_TEST_UTIL_H
 
-#include <zstd.h>
-
 #include <algorithm>
-#include <cstdint>
-#include <cstdio>
-#include <cstring>
+#include <bit>
+#include <fstream>
+#include <random>
+#include <sstream>
 #include <string>
-#include <vector>
+#include <tuple>
 
 #include "sysfile.h"
 
 namespace files_test {
 
 inline std::string read_bytes(const std::string& path) {
-  FILE* f = std::fopen(path.c_str(), "rb");
-  if (f == nullptr) return "<missing>";
-  std::string data;
-  char chunk[65536];
-  size_t n;
-  while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) data.append(chunk, n);
-  std::fclose(f);
-  return data;
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream bytes;
+  bytes << in.rdbuf();
+  return in ? bytes.str() : "<missing>";
 }
 
-inline bool write_bytes(const std::string& path, const std::string& data) {
-  FILE* f = std::fopen(path.c_str(), "wb");
-  if (f == nullptr) return false;
-  const bool ok = std::fwrite(data.data(), 1, data.size(), f) == data.size();
-  return std::fclose(f) == 0 && ok;
+inline bool write_bytes(const std::string& path, const std::string& bytes) {
+  return static_cast<bool>(std::ofstream(path, std::ios::binary) << bytes);
 }
 
-// `size` bytes of lines of 0 to 96 letters, each ended by LF: compressible,
-// with line feeds at irregular places.
-inline std::string pattern_text(uint64_t size, uint32_t seed = 1) {
-  std::string s;
-  for (uint32_t x = seed; s.size() < size;) {
-    x = x * 1103515245u + 12345u;
-    const uint32_t len = (x >> 16) % 97;
-    for (uint32_t i = 0; i < len && s.size() < size; ++i) s += static_cast<char>('a' + (x + i) % 26);
-    if (s.size() < size) s += '\n';
-  }
-  return s;
+// The line readers' rule: a line ends after its LF or when `room` bytes are
+// taken, and then one LF and after it one CR come off its end. Returns the
+// line and where the next one begins.
+inline std::pair<std::string, size_t> model_line(const std::string& bytes, size_t at,
+                                                 size_t room) {
+  const size_t lf = bytes.find('\n', at);
+  const size_t end = std::min(at + room, lf == std::string::npos ? bytes.size() : lf + 1);
+  std::string line = bytes.substr(at, end - at);
+  if (!line.empty() && line.back() == '\n') line.pop_back();
+  if (!line.empty() && line.back() == '\r') line.pop_back();
+  return {line, end};
 }
 
-// LF to CR LF, the text-mode output form (CR bytes are not looked at).
-inline std::string with_crlf(const std::string& s) {
-  std::string out;
-  for (char c : s) (c == '\n' ? out += "\r\n" : out += c);
-  return out;
-}
-
-// A frame as the library's streaming interface makes it at `level` when the
-// size isn't known in advance: all data with "continue", a "flush", then
-// "end" (the order in which a file's writer closes its frame).
-inline std::string zstd_stream_frame(const std::string& data, int level) {
-  ZSTD_CCtx* cctx = ZSTD_createCCtx();
-  ZSTD_CCtx_setParameter(cctx, ZSTD_c_compressionLevel, level);
-  std::string out(ZSTD_compressBound(data.size()) + 1024, '\0');
-  ZSTD_outBuffer o{out.data(), out.size(), 0};
-  ZSTD_inBuffer i{data.data(), data.size(), 0};
-  while (i.pos < i.size) ZSTD_compressStream2(cctx, &o, &i, ZSTD_e_continue);
-  while (ZSTD_compressStream2(cctx, &o, &i, ZSTD_e_flush) > 0) {
+// Reads `file`, which holds `bytes`, by a seeded random sequence of the line
+// readers and, less often, read and read_items, with capacities and sizes
+// from 0 to past the input (each power of two as likely: small rooms come
+// often, and on a large input rooms past the 1 MiB buffer too), some on a
+// status already set (then nothing may happen), and on for three calls past
+// the end. Each result must be the model's, and nothing may land in the
+// destination past the bytes the call took. Returns "" or the call that
+// differed first.
+inline std::string read_as_model(SysFile* file, const std::string& bytes, uint32_t seed) {
+  std::mt19937 random(seed);
+  const uint64_t bits = std::bit_width(uint64_t{2 * bytes.size() + 64});
+  std::string out(size_t{1} << bits, '\0');
+  for (size_t at = 0, past_end = 0; past_end < 3; past_end += at == bytes.size()) {
+    // 0 getline, 1 gets (each 3 in 8), 2 read, 3 read_items (each 1 in 8).
+    const uint32_t pick = random() % 8, op = pick < 6 ? pick / 3 : pick - 4;
+    const uint64_t n = random() % ((uint64_t{1} << random() % bits) + 1);
+    const int32_t preset = random() % 16 == 0 ? SYSFILE_ERR_WRITE : 0;
+    const size_t start = at;
+    std::string want;     // the destination's first bytes
+    uint64_t result = 0;  // getline's length, read's count
+    int32_t want_status = preset;
+    const uint64_t kept = op == 0 ? 1 : 2;  // room for the terminator, for gets the LF too
+    if (preset == 0 && op < 2 && n > 0) {
+      std::string line;
+      if (n > kept && at == bytes.size()) want_status = SYSFILE_ERR_EOF;
+      if (n > kept && at < bytes.size()) std::tie(line, at) = model_line(bytes, at, n - kept);
+      if (op == 1 && n > 1 && want_status == 0) line += '\n';
+      result = op == 0 ? line.size() : 0;
+      want = line + '\0';
+    } else if (preset == 0 && op >= 2) {
+      at = std::min(at + n, bytes.size());
+      want = bytes.substr(start, at - start);
+      result = op == 2 ? want.size() : 0;
+      if (want.size() < n) want_status = op == 2 ? SYSFILE_ERR_EOF : SYSFILE_ERR_SHORT_READ;
+    }
+    const size_t reach = std::max(at - start, want.size());  // the call may write up to here
+    const size_t window = std::min(out.size(), reach + 4096);
+    std::fill_n(out.begin(), window, '\x7F');
+    int32_t status = preset;
+    uint64_t got = 0;
+    if (op == 0) sysfile_getline(file, n, &got, out.data(), &status);
+    if (op == 1) sysfile_gets(file, n, out.data(), &status);
+    if (op == 2) got = sysfile_read(file, out.data(), n, &status);
+    if (op == 3) sysfile_read_items(file, out.data(), 1, n, &status);
+    if (status != want_status || got != result || out.compare(0, want.size(), want) != 0 ||
+        out.find_first_not_of('\x7F', reach) < window) {
+      return "reader " + std::to_string(op) + " with " + std::to_string(n) + " at " +
+             std::to_string(start) + ": status " + std::to_string(status);
+    }
   }
-  while (ZSTD_compressStream2(cctx, &o, &i, ZSTD_e_end) > 0) {
-  }
-  ZSTD_freeCCtx(cctx);
-  out.resize(o.pos);
-  return out;
-}
-
-// A stream that records every call the file object makes, and can refuse
-// bytes or fail its reads on request.
-struct FakeStream {
-  std::string accepted;            // every byte taken, in order
-  std::vector<uint64_t> writes;    // the size asked of each write call
-  int64_t accept_limit = -1;       // at most this many bytes per write call; -1: all
-  std::string input;               // what reads give out
-  size_t at = 0;
-  uint64_t max_read = UINT64_MAX;  // at most this many bytes per read call
-  bool fail_reads = false;         // reads report -1, as on damaged compressed input
-  bool fail_flush = false;         // the stream's flush fails, as fflush on a full disk
-  int flushes = 0, reads = 0, closes = 0;
-
-  static FakeStream* self(void* b) { return static_cast<FakeStream*>(b); }
-  static int64_t write(void* b, const void* data, uint64_t size) {
-    FakeStream* f = self(b);
-    f->writes.push_back(size);
-    const uint64_t n = f->accept_limit < 0 ? size : std::min(size, uint64_t(f->accept_limit));
-    f->accepted.append(static_cast<const char*>(data), n);
-    return static_cast<int64_t>(n);
-  }
-  static int64_t read(void* b, void* buffer, uint64_t size) {
-    FakeStream* f = self(b);
-    ++f->reads;
-    if (f->fail_reads) return -1;
-    const uint64_t n = std::min({size, f->max_read, uint64_t{f->input.size() - f->at}});
-    std::memcpy(buffer, f->input.data() + f->at, n);
-    f->at += n;
-    return static_cast<int64_t>(n);
-  }
-  static int32_t flush(void* b) { return ++self(b)->flushes, self(b)->fail_flush ? -1 : 0; }
-  static int32_t rewind(void* b) { return self(b)->at = 0, 0; }
-  static int32_t close(void* b) { return ++self(b)->closes, 0; }
-};
-
-// A handle built as sysfile_open builds one, over `fake`; sysfile_close
-// releases it like any other.
-inline SysFile* fake_file(SysEnv* env, FakeStream* fake, bool writer, int32_t text) {
-  auto* file = static_cast<SysFile*>(SYSENV_CALLOC(env, 1, sizeof(SysFile)));
-  auto* s = static_cast<SysFileState*>(SYSENV_CALLOC(env, 1, sizeof(SysFileState)));
-  file->env = env;
-  file->state = s;
-  s->capacity = SYSFILE_BUFFER_SIZE;
-  s->text = text;
-  s->backend = fake;
-  s->close = FakeStream::close;
-  s->write = writer ? FakeStream::write : nullptr;
-  s->flush = writer ? FakeStream::flush : nullptr;
-  s->read = writer ? nullptr : FakeStream::read;
-  s->rewind = writer ? nullptr : FakeStream::rewind;
-  return file;
+  return "";
 }
 
 }  // namespace files_test
