@@ -82,7 +82,6 @@ void* mutex_create(void*, const char*, int32_t* exists) {
   *exists = 0;
   return &g_mutex;
 }
-void transport_free(void*, HostidProc, void*) {}
 
 const char* get_env(void*, const char* name) {
   auto it = g->environment.find(name);
@@ -156,15 +155,20 @@ uint32_t get_adapters(void*, HostidProc, uint32_t, uint32_t flags, void* buffer,
   return windata_adapters(list.data(), static_cast<uint32_t>(list.size()), buffer, size);
 }
 
-uint32_t transports(void*, HostidProc, uint32_t preferred, void**, uint32_t* count) {
+// The transports' buffer is the machine's list itself.
+uint32_t transports(void*, HostidProc, uint32_t preferred, void** buffer, uint32_t* count) {
   EXPECT_EQ(preferred, 0x1000u);
+  *buffer = &g->transports;
   *count = static_cast<uint32_t>(g->transports.size());
   return g->transport_result;
 }
 
-const uint16_t* transport_address(void*, const void*, uint32_t index) {
-  return reinterpret_cast<const uint16_t*>(g->transports.at(index).c_str());
+const uint16_t* transport_address(void*, const void* buffer, uint32_t index) {
+  const auto* list = static_cast<const std::vector<std::u16string>*>(buffer);
+  return reinterpret_cast<const uint16_t*>(list->at(index).c_str());
 }
+
+void transport_free(void*, HostidProc, void* buffer) { EXPECT_EQ(buffer, &g->transports); }
 
 // The LAN adapters are numbered 0 to n - 1; a reset always succeeds.
 uint8_t netbios(void*, HostidProc, uint8_t command, uint8_t lana, const char*, uint8_t* buffer,
