@@ -77,7 +77,7 @@ check() {
 # the tool, compares. Arguments: case, host name, the tool's environment,
 # then the interfaces.
 run_case() {
-  local name=$1 environment=$3 i=0 sink item ifname spec
+  local name=$1 environment=$3 i=0 sink item ifname form
   die() { echo "FAIL [$name]: $*" && exit 1; }
   # The kernel takes any bytes as the name; hostname(1) refuses non-ASCII.
   printf %b "$2" > /proc/sys/kernel/hostname || die "can't set the host name"
@@ -87,20 +87,20 @@ run_case() {
   read -r sink <&3 || die "no sink namespace"
   trap "kill $sink 2> /dev/null" EXIT
   for item in "$@"; do
-    ifname=${item%%=*} spec=${item#*=} i=$((i + 1))
-    case $spec in
+    ifname=${item%%=*} form=${item#*=} i=$((i + 1))
+    case $form in
       up)
         for ifname in $(ip -br link | sed 's/[@ ].*//'); do
           ip link set "$ifname" up || die "can't set $ifname up"
         done ;;
       tun) ip tuntap add dev "$ifname" mode tun ;;
-      tap/*) ip tuntap add dev "$ifname" mode tap && ip link set "$ifname" address "${spec#*/}" ;;
-      bridge/*) ip link add "$ifname" address "${spec#*/}" type bridge ;;
-      *,*) ip link add "$ifname" address "${spec%,*}" type veth peer name "hkp$i" address "${spec#*,}" ;;
+      tap/*) ip tuntap add dev "$ifname" mode tap && ip link set "$ifname" address "${form#*/}" ;;
+      bridge/*) ip link add "$ifname" address "${form#*/}" type bridge ;;
+      *,*) ip link add "$ifname" address "${form%,*}" type veth peer name "hkp$i" address "${form#*,}" ;;
       *)
-        ip link add "$ifname" address "${spec%+*}" type veth peer name "hkp$i" &&
-          ip link set "hkp$i" netns "$sink" && if [[ $spec == *+* ]]; then
-            ip addr add "${spec#*+}/24" dev "$ifname" && ip link set "$ifname" up
+        ip link add "$ifname" address "${form%+*}" type veth peer name "hkp$i" &&
+          ip link set "hkp$i" netns "$sink" && if [[ $form == *+* ]]; then
+            ip addr add "${form#*+}/24" dev "$ifname" && ip link set "$ifname" up
           fi ;;
     esac || die "can't make $item"
   done
