@@ -1,27 +1,43 @@
-// The physical test against a real registry: run by win32_registry_test.sh
-// in a Wine prefix of its own, after it has added class entries with
-// `wine reg add`:
-//   {HOSTKIT-8001} 0x8001 (virtual bit with the 0x8000 bit: physical)
-//   {HOSTKIT-8000} 0x8000 (no physical bit)
-//   {HOSTKIT-0084} 0x84   (0x4, the physical bit)
-//   {HOSTKIT-0001} 0x1    (virtual)
-//   {HOSTKIT-DUP}  first 0x1 under 9005, then 0x4 under 9006: the first decides
-//   {HOSTKIT-NOCH} no Characteristics under 9007, then 0x4 under 9008
+// The physical test against Wine's own registry: class entries written here,
+// read back through the real port, and removed behind.
 #include <gtest/gtest.h>
+#include <windows.h>
+
+#include <cstring>
+#include <string>
+#include <tuple>
 
 #include "hostid_internal.h"
 
 namespace {
 
-TEST(Registry, ClassEntriesDecidePhysical) {
-  EXPECT_EQ(hostid_adapter_is_physical("{HOSTKIT-8001}"), 1);
-  EXPECT_EQ(hostid_adapter_is_physical("{HOSTKIT-8000}"), 0);
-  EXPECT_EQ(hostid_adapter_is_physical("{HOSTKIT-0084}"), 1);
-  EXPECT_EQ(hostid_adapter_is_physical("{HOSTKIT-0001}"), 0);
-  EXPECT_EQ(hostid_adapter_is_physical("{HOSTKIT-DUP}"), 0);
-  EXPECT_EQ(hostid_adapter_is_physical("{HOSTKIT-NOCH}"), 1);
+TEST(Win32Registry, ClassEntriesDecidePhysical) {
+  // Subkey, instance id, Characteristics (-1: none), and whether the id is
+  // physical: the first of its subkeys that has the value decides.
+  // clang-format off
+  const std::tuple<const char*, const char*, int64_t, int32_t> entries[] = {
+      {"9001", "{HOSTKIT-8001}", 0x8001, 1}, {"9002", "{HOSTKIT-8000}", 0x8000, 0},
+      {"9003", "{HOSTKIT-0084}", 0x84, 1}, {"9004", "{HOSTKIT-0001}", 0x1, 0},
+      {"9005", "{HOSTKIT-DUP}", 0x1, 0}, {"9006", "{HOSTKIT-DUP}", 0x4, 0},
+      {"9007", "{HOSTKIT-NOCH}", -1, 1}, {"9008", "{HOSTKIT-NOCH}", 0x4, 1}};
+  // clang-format on
+  for (const auto& [subkey, id, characteristics, physical] : entries) {
+    const std::string key = HOSTID_ADAPTER_CLASS_KEY "\\" + std::string(subkey);
+    const auto value = static_cast<DWORD>(characteristics);
+    RegSetKeyValueA(HKEY_LOCAL_MACHINE, key.c_str(), "NetCfgInstanceId", REG_SZ, id,
+                    static_cast<DWORD>(std::strlen(id) + 1));
+    if (characteristics >= 0) {
+      RegSetKeyValueA(HKEY_LOCAL_MACHINE, key.c_str(), "Characteristics", REG_DWORD, &value, 4);
+    }
+  }
+  for (const auto& [subkey, id, characteristics, physical] : entries) {
+    EXPECT_EQ(hostid_adapter_is_physical(id), physical) << id;
+  }
   EXPECT_EQ(hostid_adapter_is_physical("{hostkit-8001}"), 0);  // with case
-  EXPECT_EQ(hostid_adapter_is_physical("{HOSTKIT-NONE}"), 0);
+  for (const auto& entry : entries) {
+    RegDeleteKeyA(HKEY_LOCAL_MACHINE,
+                  (HOSTID_ADAPTER_CLASS_KEY "\\" + std::string(std::get<0>(entry))).c_str());
+  }
 }
 
 }  // namespace

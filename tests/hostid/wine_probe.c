@@ -18,18 +18,15 @@
 #include <stdlib.h>
 #include <string.h>
 
-static void hex(const unsigned char* bytes, unsigned long n) {
+static void hex(const char* before, const unsigned char* bytes, unsigned long n) {
+  printf("%s", before);
   for (unsigned long i = 0; i < n; ++i) printf("%02x", bytes[i]);
 }
 
 static UCHAR netbios(UCHAR command, UCHAR lana, const char* name, void* buffer, WORD length) {
-  NCB ncb;
-  memset(&ncb, 0, sizeof ncb);
-  ncb.ncb_command = command;
-  ncb.ncb_lana_num = lana;
+  NCB ncb = {
+      .ncb_command = command, .ncb_lana_num = lana, .ncb_buffer = buffer, .ncb_length = length};
   if (name != NULL) memcpy(ncb.ncb_callname, name, NCBNAMSZ);
-  ncb.ncb_buffer = buffer;
-  ncb.ncb_length = length;
   return Netbios(&ncb);
 }
 
@@ -37,37 +34,32 @@ int main(void) {
   WSADATA data;
   char name[1024] = "";
   WSAStartup(MAKEWORD(2, 2), &data);
-  printf("acp %u\nname ", GetACP());
-  if (gethostname(name, sizeof name) == 0)
-    hex((const unsigned char*)name, (unsigned long)strlen(name));
-  printf("\n");
+  printf("acp %u\n", GetACP());
+  if (gethostname(name, sizeof name) != 0) name[0] = '\0';
+  hex("name ", (const unsigned char*)name, (unsigned long)strlen(name));
 
   ULONG size = 0;
   ULONG status = GetAdaptersAddresses(AF_UNSPEC, 0x2F, NULL, NULL, &size);
   IP_ADAPTER_ADDRESSES* list = size > 0 ? malloc(size) : NULL;
   if (list != NULL) status = GetAdaptersAddresses(AF_UNSPEC, 0x2F, NULL, list, &size);
-  printf("gaa %lu\n", status);
+  printf("\ngaa %lu\n", status);
   for (IP_ADAPTER_ADDRESSES* a = status == 0 ? list : NULL; a != NULL; a = a->Next) {
     char description[512] = "";
-    WideCharToMultiByte(CP_UTF8, 0, a->Description, -1, description, sizeof description, NULL,
-                        NULL);
+    WideCharToMultiByte(CP_UTF8, 0, a->Description, -1, description, sizeof description, 0, 0);
     printf("adapter %lu ", a->PhysicalAddressLength);
-    hex(a->PhysicalAddress, a->PhysicalAddressLength);
+    hex("", a->PhysicalAddress, a->PhysicalAddressLength);
     printf(" %s\n", description);
   }
-  free(list);
 
-  LANA_ENUM lanas;
-  memset(&lanas, 0, sizeof lanas);
+  LANA_ENUM lanas = {0};
   UCHAR rc = netbios(NCBENUM, 0, NULL, &lanas, sizeof lanas);
   printf("lanas %u %u\n", rc, rc == 0 ? lanas.length : 0);
   for (int i = 0; rc == 0 && i < lanas.length; ++i) {
-    unsigned char adapter[600];
-    memset(adapter, 0, sizeof adapter);
+    unsigned char adapter[600] = {0};
     UCHAR reset = netbios(NCBRESET, lanas.lana[i], NULL, NULL, 0);
     UCHAR state = netbios(NCBASTAT, lanas.lana[i], "*               ", adapter, sizeof adapter);
     printf("lana %u %u %u ", lanas.lana[i], reset, state);
-    hex(adapter, 6);
+    hex("", adapter, 6);
     printf("\n");
   }
   return 0;
