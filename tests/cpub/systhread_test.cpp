@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <ctime>
 #include <thread>
 #include <vector>
@@ -25,8 +26,12 @@ int64_t seconds_from_now(int64_t seconds) { return static_cast<int64_t>(std::tim
 TEST(SysAtomic, OperationsAndFourThreadsLosingNoStep) {
   CountingAllocator user;
   SysEnv* env = user.create_env();
+  void* used = SYSENV_ALLOC(env, 4, 4);  // the counters' block comes back dirty
+  std::memset(used, 0x5A, 16);
+  SYSENV_FREE(env, used);
   SysAtomic* atomic = sysatomic_create(env, 3);
-  EXPECT_EQ(sysatomic_read(atomic, 0) + sysatomic_read(atomic, 0), 0);  // a read changes nothing
+  EXPECT_EQ(sysatomic_read(atomic, 0) + sysatomic_read(atomic, 2), 0);  // all start at 0
+  EXPECT_EQ(sysatomic_read(atomic, 0), 0);  // and a read changes nothing
   EXPECT_EQ(sysatomic_decrement(atomic, 0), -1);
   EXPECT_EQ(sysatomic_compare_exchange(atomic, 0, 7, 100), -1);  // wrong expected: left alone
   EXPECT_EQ(sysatomic_compare_exchange(atomic, 0, -1, INT32_MAX), -1);
