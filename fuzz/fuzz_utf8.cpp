@@ -56,7 +56,7 @@ std::u16string reference(const std::string& s, size_t* consumed, int32_t* bad) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   // The first byte picks a capacity; the rest, up to a NUL, is the text.
-  const uint64_t capacity = data[0] % 40 + 1;
+  const uint64_t capacity = data[0] % 41;
   const std::string text = std::string(reinterpret_cast<const char*>(data + 1), size - 1).c_str();
   size_t want_consumed = 0;
   int32_t want_bad = 0;
@@ -68,9 +68,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<uint16_t> whole(want.size() + 1, 0xAAAA);
   check(sysutf8_to_utf16(text.c_str(), whole.data(), &consumed, whole.size(), &bad) == want.size());
   check(std::equal(want.begin(), want.end(), whole.begin()) && whole.back() == 0);
-  // Exactly `capacity` units: the sanitizer sees any write past them.
-  std::vector<uint16_t> small(capacity);
+  // Exactly `capacity` units, the sanitizer sees any write past them; with
+  // no room at all, one unit that must stay untouched.
+  std::vector<uint16_t> small(std::max<uint64_t>(capacity, 1), 0xAAAA);
   const uint64_t n = sysutf8_to_utf16(text.c_str(), small.data(), &consumed, capacity, nullptr);
+  if (capacity == 0) {
+    check(n == 0 && consumed == 0 && small[0] == 0xAAAA);
+    return 0;
+  }
   check(n < capacity && small[n] == 0 && n + 2 >= std::min<uint64_t>(capacity, want.size() + 1));
   check(std::equal(small.begin(), small.begin() + static_cast<long>(n), want.begin()));
   check(sysutf8_to_utf16(text.substr(0, consumed).c_str(), nullptr, nullptr, 0, nullptr) == n);
