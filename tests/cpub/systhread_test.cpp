@@ -14,7 +14,6 @@
 
 namespace {
 
-using hostkit_test::CountingAllocator;
 using Clock = std::chrono::steady_clock;
 
 int64_t elapsed_ms(Clock::time_point since) {
@@ -23,8 +22,16 @@ int64_t elapsed_ms(Clock::time_point since) {
 
 int64_t seconds_from_now(int64_t seconds) { return static_cast<int64_t>(std::time(nullptr)) + seconds; }
 
+// Runs `body` on `n` threads at once and waits for them.
+template <typename Body>
+void on_threads(int n, Body body) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < n; ++t) threads.emplace_back(body);
+  for (std::thread& t : threads) t.join();
+}
+
 TEST(SysAtomic, OperationsAndFourThreadsLosingNoStep) {
-  CountingAllocator user;
+  hostkit_test::CountingAllocator user;
   SysEnv* env = user.create_env();
   void* used = SYSENV_ALLOC(env, 4, 4);  // the counters' block comes back dirty
   std::memset(used, 0x5A, 16);
@@ -38,24 +45,18 @@ TEST(SysAtomic, OperationsAndFourThreadsLosingNoStep) {
   EXPECT_EQ(sysatomic_increment(atomic, 0), INT32_MIN);  // wraps as the processor's add does
   const int32_t values[3] = {10, 11, 12};
   sysatomic_set_range(atomic, 1, 2, values);  // by slot number, the end left out
-  EXPECT_EQ(sysatomic_read(atomic, 1), 11);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([atomic] {
-      for (int i = 0; i < 250000; ++i) sysatomic_increment(atomic, 2);
-    });
-  }
-  for (std::thread& t : threads) t.join();
+  on_threads(4, [atomic] {
+    for (int i = 0; i < 250000; ++i) sysatomic_increment(atomic, 2);
+  });
   EXPECT_EQ(sysatomic_read(atomic, 2), 1000000);
   EXPECT_EQ(sysatomic_read(atomic, 1), 11);
   sysatomic_destroy(&atomic);
   EXPECT_EQ(atomic, nullptr);
   sysatomic_destroy(&atomic);
-  // A count of 0 still owns a slot; each failing allocation gives null.
-  atomic = sysatomic_create(env, 0);
+  atomic = sysatomic_create(env, 0);  // a count of 0 still owns a slot
   EXPECT_NE(atomic, nullptr);
   sysatomic_destroy(&atomic);
-  for (int extra = 1; extra <= 2; ++extra) {
+  for (int extra = 1; extra <= 2; ++extra) {  // each failing allocation gives null
     user.fail_at = user.allocating_calls + extra;
     EXPECT_EQ(sysatomic_create(env, 4), nullptr) << extra;
   }
@@ -64,7 +65,7 @@ TEST(SysAtomic, OperationsAndFourThreadsLosingNoStep) {
 }
 
 // Recursive for its owner; threads entering twice lose no increment, and
-// threads arriving while the lock is held for a while wait for it.
+// threads arriving while the lock is held wait for it.
 TEST(SysMutex, ExclusionAndRecursion) {
   EXPECT_EQ(sysmutex_create(nullptr) + sysmutex_lock(nullptr) + sysmutex_unlock(nullptr) +
                 sysmutex_destroy(nullptr),
@@ -73,9 +74,8 @@ TEST(SysMutex, ExclusionAndRecursion) {
   ASSERT_EQ(sysmutex_create(&mutex), 0);
   volatile long counter = 0;
   ASSERT_EQ(sysmutex_lock(&mutex), 0);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&] {
+  std::thread held([&] {
+    on_threads(4, [&] {
       for (int i = 0; i < 50000; ++i) {
         sysmutex_lock(&mutex);
         sysmutex_lock(&mutex);
@@ -84,32 +84,32 @@ TEST(SysMutex, ExclusionAndRecursion) {
         sysmutex_unlock(&mutex);
       }
     });
-  }
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  });
+  syssleep(50);
   EXPECT_EQ(counter, 0) << "a thread stepped in while the lock was held";
   EXPECT_EQ(sysmutex_unlock(&mutex), 0);
-  for (std::thread& t : threads) t.join();
+  held.join();
   EXPECT_EQ(counter, 200000);
   EXPECT_EQ(sysmutex_destroy(&mutex), 0);
 }
 
+// Null arguments; past deadlines, the farthest too, end at once with the
+// mutex held again; a signal given while nobody waits is lost, since the
+// wait resets the event first.
 TEST(SysCond, NullArgumentsDeadlinesAndLostSignals) {
-  EXPECT_EQ(syscond_create(nullptr), 1);
-  EXPECT_EQ(syscond_signal(nullptr), 1);
-  syscond none{nullptr};
-  EXPECT_EQ(syscond_signal(&none) + syscond_destroy(&none), 2);
+  syscond none{nullptr}, cond;
+  EXPECT_EQ(syscond_create(nullptr) + syscond_signal(nullptr) + syscond_signal(&none) +
+                syscond_destroy(&none),
+            4);
   sysmutex mutex;
-  syscond cond;
   ASSERT_EQ(sysmutex_create(&mutex), 0);
   ASSERT_EQ(syscond_create(&cond), 0);
-  const int64_t deadline = 0;
+  const int64_t zero = 0;
   EXPECT_EQ(syscond_wait(&none, &mutex), 6);
   EXPECT_EQ(syscond_wait(&cond, nullptr), 6);
-  EXPECT_EQ(syscond_timedwait(&none, &mutex, &deadline), 6);
-  EXPECT_EQ(syscond_timedwait(&cond, nullptr, &deadline), 6);
+  EXPECT_EQ(syscond_timedwait(&none, &mutex, &zero), 6);
+  EXPECT_EQ(syscond_timedwait(&cond, nullptr, &zero), 6);
   EXPECT_EQ(syscond_timedwait(&cond, &mutex, nullptr), 6);
-  // Past deadlines end at once, the farthest too, with the mutex held again:
-  // another thread can't take it until it is let go.
   sysmutex_lock(&mutex);
   const Clock::time_point start = Clock::now();
   for (int64_t past : {seconds_from_now(-5), int64_t{0}, INT64_MIN}) {
@@ -126,11 +126,9 @@ TEST(SysCond, NullArgumentsDeadlinesAndLostSignals) {
   EXPECT_EQ(taken.load(), 0);
   sysmutex_unlock(&mutex);
   other.join();
-  // A signal given while nobody waits is lost: the wait resets the event
-  // first, so a wait 1 to 2 s long times out after at least a second.
   syscond_signal(&cond);
   sysmutex_lock(&mutex);
-  const int64_t soon = seconds_from_now(2);
+  const int64_t soon = seconds_from_now(2);  // 1 to 2 s away
   const Clock::time_point again = Clock::now();
   EXPECT_EQ(syscond_timedwait(&cond, &mutex, &soon), 138);
   EXPECT_GE(elapsed_ms(again), 900);
@@ -148,14 +146,14 @@ TEST(SysCond, NullArgumentsDeadlinesAndLostSignals) {
 // a wait's reset and its blocking: a player held off the processor there for
 // longer than the other's sleep misses the signal meant for it, so a loaded
 // machine may see a stall or two in 600 turns. A faulty event stalls in every
-// turn.
-TEST(SysCond, ASignalWakesTheWaiterAlreadyBlocked) {
+// turn. Then two waiters announce themselves and wait: one signal wakes one.
+TEST(SysCond, ASignalWakesOneWaiterAlreadyBlocked) {
   sysmutex mutex;
   syscond cond;
   sysmutex_create(&mutex);
   syscond_create(&cond);
   int turns = 0, stalls = 0;
-  auto play = [&] {
+  on_threads(2, [&] {
     sysmutex_lock(&mutex);
     for (int i = 0; i < 300 && stalls <= 2; ++i) {
       syssleep(2);
@@ -166,46 +164,33 @@ TEST(SysCond, ASignalWakesTheWaiterAlreadyBlocked) {
     }
     syscond_signal(&cond);  // the other player's last wait
     sysmutex_unlock(&mutex);
-  };
-  std::thread first(play), second(play);
-  first.join();
-  second.join();
+  });
   EXPECT_LE(stalls, 2);
   EXPECT_EQ(turns, 600);
-  syscond_destroy(&cond);
-  sysmutex_destroy(&mutex);
-}
 
-// Two waiters announce themselves under the lock and wait: one signal wakes
-// one of them, the other waits on until a second signal.
-TEST(SysCond, OneSignalWakesOneWaiter) {
-  sysmutex mutex;
-  syscond cond;
-  sysmutex_create(&mutex);
-  syscond_create(&cond);
   int waiting = 0, woken = 0;
-  auto wait_once = [&] {
-    sysmutex_lock(&mutex);
-    ++waiting;
-    EXPECT_EQ(syscond_wait(&cond, &mutex), 0);
-    ++woken;
-    EXPECT_EQ(sysmutex_unlock(&mutex), 0);  // the wait took the mutex again
-  };
   auto seen = [&](const int& value) {
     sysmutex_lock(&mutex);
     const int v = value;
     sysmutex_unlock(&mutex);
     return v;
   };
-  std::thread a(wait_once), b(wait_once);
+  std::thread waiters([&] {
+    on_threads(2, [&] {
+      sysmutex_lock(&mutex);
+      ++waiting;
+      EXPECT_EQ(syscond_wait(&cond, &mutex), 0);
+      ++woken;
+      EXPECT_EQ(sysmutex_unlock(&mutex), 0);  // the wait took the mutex again
+    });
+  });
   while (seen(waiting) < 2) syssleep(1);
   syscond_signal(&cond);
   while (seen(woken) < 1) syssleep(1);
   syssleep(200);
   EXPECT_EQ(seen(woken), 1);
   syscond_signal(&cond);
-  a.join();
-  b.join();
+  waiters.join();
   syscond_destroy(&cond);
   sysmutex_destroy(&mutex);
 }
@@ -232,8 +217,9 @@ TEST(SysThread, CreateAndJoin) {
   EXPECT_EQ(result, &thread);  // nothing to hand back
   EXPECT_EQ(systhread_create(&thread, nullptr, nullptr, nullptr), 1);
   EXPECT_EQ(systhread_join(&thread, nullptr), 0);
-  EXPECT_EQ(systhread_create(nullptr, nullptr, sleep_then_return, nullptr), 1);
-  EXPECT_EQ(systhread_join(nullptr, nullptr), 1);
+  EXPECT_EQ(systhread_create(nullptr, nullptr, sleep_then_return, nullptr) +
+                systhread_join(nullptr, nullptr),
+            2);
 }
 
 }  // namespace

@@ -8,30 +8,39 @@
 
 namespace hostkit_test {
 
-bool CountingAllocator::fails_now() { return ++allocating_calls == fail_at; }
+namespace {
 
-void* CountingAllocator::malloc(void* handle, uint64_t size) {
-  auto* self = static_cast<CountingAllocator*>(handle);
-  ++self->malloc_calls;
-  void* block = self->fails_now() ? nullptr : std::malloc(static_cast<size_t>(size));
-  self->live += block != nullptr;
+// Counts a block newly handed out; `fresh`: not a reallocation.
+void* count(CountingAllocator* self, bool fresh, void* block) {
+  self->live += block != nullptr && fresh;
   return block;
 }
 
-void* CountingAllocator::calloc(void* handle, uint64_t count, uint64_t size) {
+// Counts an allocating call; true when it is the one to fail.
+bool fails(void* handle) {
   auto* self = static_cast<CountingAllocator*>(handle);
-  ++self->calloc_calls;
-  void* block = self->fails_now() ? nullptr : std::calloc(count, size);
-  self->live += block != nullptr;
-  return block;
+  return ++self->allocating_calls == self->fail_at;
+}
+
+}  // namespace
+
+CountingAllocator::~CountingAllocator() {
+  for (void* p : parked) std::free(p);
+}
+
+void* CountingAllocator::malloc(void* handle, uint64_t size) {
+  return count(static_cast<CountingAllocator*>(handle), true,
+               fails(handle) ? nullptr : std::malloc(static_cast<size_t>(size)));
+}
+
+void* CountingAllocator::calloc(void* handle, uint64_t count_, uint64_t size) {
+  return count(static_cast<CountingAllocator*>(handle), true,
+               fails(handle) ? nullptr : std::calloc(count_, size));
 }
 
 void* CountingAllocator::realloc(void* handle, void* pointer, uint64_t size) {
-  auto* self = static_cast<CountingAllocator*>(handle);
-  ++self->realloc_calls;
-  void* block = self->fails_now() ? nullptr : std::realloc(pointer, static_cast<size_t>(size));
-  self->live += block != nullptr && pointer == nullptr;
-  return block;
+  return count(static_cast<CountingAllocator*>(handle), pointer == nullptr,
+               fails(handle) ? nullptr : std::realloc(pointer, static_cast<size_t>(size)));
 }
 
 void CountingAllocator::free(void* handle, void* pointer) {
@@ -43,12 +52,6 @@ void CountingAllocator::free(void* handle, void* pointer) {
   } else {
     std::free(pointer);
   }
-}
-
-void TextSink::receive(void* handle, const char* text) {
-  auto* self = static_cast<TextSink*>(handle);
-  self->text += text;
-  ++self->calls;
 }
 
 void write_to_stderr(void*, const char* text) {

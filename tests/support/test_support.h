@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -14,24 +13,18 @@
 
 namespace hostkit_test {
 
-// Four allocator callbacks over the C library that count their calls and the
-// blocks outstanding. `fail_at` = N makes the Nth allocating call (malloc,
-// calloc or realloc, counted together from 1) return null; 0 never fails.
+// Four allocator callbacks over the C library that count the allocating
+// calls (malloc, calloc and realloc together), the releases and the blocks
+// outstanding. `fail_at` = N makes the Nth allocating call, counted from 1,
+// return null; 0 never fails. With `park`, released blocks are kept until
+// the allocator's end, so that reading a block freed twice reads memory
+// still owned, as in a real heap.
 struct CountingAllocator {
-  int allocating_calls = 0;
-  int malloc_calls = 0;
-  int calloc_calls = 0;
-  int realloc_calls = 0;
-  int free_calls = 0;
-  int fail_at = 0;
+  int allocating_calls = 0, free_calls = 0, fail_at = 0;
   int64_t live = 0;
-  // With `park`, released blocks are kept until the allocator's end, so that
-  // reading a block freed twice reads memory still owned, as in a real heap.
   bool park = false;
   std::vector<void*> parked;
-  ~CountingAllocator() {
-    for (void* p : parked) std::free(p);
-  }
+  ~CountingAllocator();
 
   static void* malloc(void* handle, uint64_t size);
   static void* calloc(void* handle, uint64_t count, uint64_t size);
@@ -44,16 +37,12 @@ struct CountingAllocator {
   MemManager* create_manager(int32_t tracking) {
     return memman_create(tracking, this, malloc, calloc, realloc, free);
   }
-
- private:
-  bool fails_now();
 };
 
 // A message-stream or print callback that collects everything it is given.
 struct TextSink {
   std::string text;
-  int calls = 0;
-  static void receive(void* handle, const char* text);
+  static void receive(void* handle, const char* text) { static_cast<TextSink*>(handle)->text += text; }
 };
 
 // A stream callback that writes to standard error, where death tests look.
