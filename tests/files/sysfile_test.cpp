@@ -1,6 +1,6 @@
 // The file object. Over a recording stream: the append step at the buffer's
 // edges, LF to CR LF split at its end, what each output operation
-// translates, short writes, and the readers against the model over random
+// translates, and the readers against the model over random
 // inputs that arrive in random steps. On real files: the open rules,
 // allocation failures during open; files made by the real gzip and zstd
 // tools (make_tool_files.sh) read and written again for the tools to check
@@ -27,14 +27,13 @@ constexpr uint64_t kCap = SYSFILE_BUFFER_SIZE;
 SysEnv* new_env() { return sysenv_create(0, 1, nullptr, nullptr, nullptr, nullptr, nullptr); }
 
 // A handle built as the open operations build one, over a stream that
-// records what it is handed: it takes at most `limit` bytes a write, and
-// delivers `input` `step` bytes a read.
+// records what it is handed, and delivers `input` `step` bytes a read.
 struct Harness {
   SysEnv* env = new_env();
   SysFile* file = static_cast<SysFile*>(SYSENV_CALLOC(env, 1, sizeof(SysFile)));
   std::string accepted, input;
   Sizes writes;
-  uint64_t limit = UINT64_MAX, step = UINT64_MAX, at = 0;
+  uint64_t step = UINT64_MAX, at = 0;
   int flushes = 0;
 
   Harness(bool writer, int32_t text) {
@@ -55,8 +54,8 @@ struct Harness {
   static int64_t write(void* backend, const void* data, uint64_t size) {
     Harness& h = of(backend);
     h.writes.push_back(size);
-    h.accepted.append(static_cast<const char*>(data), std::min(size, h.limit));
-    return static_cast<int64_t>(std::min(size, h.limit));
+    h.accepted.append(static_cast<const char*>(data), size);
+    return static_cast<int64_t>(size);
   }
   static int64_t read(void* backend, void* buffer, uint64_t size) {
     Harness& h = of(backend);
@@ -134,25 +133,6 @@ TEST(Buffer, OutputAtTheBufferEdgesAndWhatEachOperationTranslates) {
     const bool raw = mode == 0 || op == 'r' || op == 'i';
     EXPECT_TRUE(h.accepted == fill + (raw ? out : with_crlf(out)));
   }
-}
-
-// A stream that takes fewer bytes than given: status 5, the buffer stays
-// whole for a later flush, and a chain of output stops at the failure.
-TEST(Buffer, ShortWritesAreStatusFiveAndKeepTheBytes) {
-  Harness h(true, 0);
-  const std::string fill(kCap - 1, 'x'), big(3 * kCap, 'd');
-  h.limit = 10;
-  EXPECT_EQ(sysfile_write(h.file, fill.size(), fill.data()), SYSFILE_OK);
-  EXPECT_EQ(sysfile_write(h.file, 3, "yz\n"), SYSFILE_ERR_WRITE) << "the drain fell short";
-  int32_t status = sysfile_flush(h.file);
-  sysfile_newline(h.file, &status);
-  EXPECT_EQ(status, SYSFILE_ERR_WRITE);
-  EXPECT_EQ(h.writes, (Sizes{kCap, kCap}));
-  h.limit = kCap;
-  h.accepted.clear();
-  EXPECT_EQ(sysfile_flush(h.file), SYSFILE_OK);
-  EXPECT_TRUE(h.accepted == fill + "y");
-  EXPECT_EQ(sysfile_write(h.file, big.size(), big.data()), SYSFILE_ERR_WRITE) << "short direct write";
 }
 
 // Random inputs of letters, CR, LF and NUL, which the stream delivers in
