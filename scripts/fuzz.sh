@@ -11,7 +11,9 @@ for target in "$build"/fuzz/fuzz_*; do
   found=1
   name=$(basename "$target")
   corpus=$(mktemp -d)
-  if "$target" -runs="$runs" -max_len=4096 "$corpus" > "$corpus.log" 2>&1; then
+  # A failing input is kept beside the target, not in the working directory.
+  if "$target" -runs="$runs" -max_len=4096 -artifact_prefix="$build/fuzz/" "$corpus" \
+    > "$corpus.log" 2>&1; then
     echo "fuzz $name: $runs runs, ok"
   else
     echo "fuzz $name: FAILED"; tail -n 40 "$corpus.log"; status=1
