@@ -235,15 +235,16 @@ TEST(MemmanEnvironmentDeathTest, AbortsWithTheEnvironmentsFourLines) {
   sysenv_set_stream(env, 0, nullptr, hostkit_test::write_to_stderr);
   unsigned char* p = bytes(SYSENV_ALLOC(env, 1, 10));
   p[10] = 1;
+  const char* path = "memman_fatal.txt";
   const std::string message = "Message(): *** Block end guard violation. #2 at <p>. pos: 0 expected: 32 got 1";
   EXPECT_DEATH(
       {
-        memman_open_trace(env->memory, "memman_fatal.txt", "fatal");
+        memman_open_trace(env->memory, path, "fatal");
         sysenv_free(env, "e.c", 5, p);
       },
       StartsWithText("\n\nFatal error\nFile : e.c\nLine : 5\nMsg. : " + message + "\n\n"));
-  const std::vector<std::string> trace = read_lines("memman_fatal.txt");
-  std::remove("memman_fatal.txt");
+  const std::vector<std::string> trace = read_lines(path);
+  std::remove(path);
   ASSERT_EQ(trace.size(), 9u);
   EXPECT_EQ(trace[4] + trace[5].substr(0, 48), "Fatal error in file 'e.c(5)'" + message.substr(0, 48));
   EXPECT_EQ(trace[7].substr(0, 13), "File closed: ");

@@ -14,6 +14,7 @@ namespace {
 
 using hostkit_test::CountingAllocator;
 using hostkit_test::StartsWithText;
+using hostkit_test::TextSink;
 
 // A successful creation makes five allocating calls: the manager's record,
 // table and mutex, then the environment and its fatal handler record. When
@@ -29,7 +30,8 @@ TEST(SysEnv, CreationFailingAtEveryAllocation) {
     SysEnv* env = user.create_env();
     EXPECT_EQ(env != nullptr, n >= 5);
     if (n == 5) {
-      EXPECT_EQ(env->ready + env->preset_a, 0);
+      EXPECT_EQ(env->ready, 0);
+      EXPECT_EQ(env->preset_a, 0);
       EXPECT_EQ(env->fatal_handler, nullptr);
       EXPECT_EQ(env->memory->fatal_callback, nullptr);
       sysenv_printf(env, "goes nowhere\n");
@@ -66,11 +68,11 @@ TEST(SysEnv, CreationFailingAtEveryAllocation) {
 TEST(SysEnv, StreamSlots) {
   SysEnv* env = sysenv_create(0, 0, nullptr, nullptr, nullptr, nullptr, nullptr);
   sysenv_printf(env, "%s\n", "nobody listens");
-  hostkit_test::TextSink a, b;
-  sysenv_set_stream(env, 1, &a, hostkit_test::TextSink::receive);
-  sysenv_set_stream(env, 0, &a, hostkit_test::TextSink::receive);
-  sysenv_set_stream(env, 0, &b, hostkit_test::TextSink::receive);
-  sysenv_set_stream(env, 0, &a, hostkit_test::TextSink::receive);
+  TextSink a, b;
+  sysenv_set_stream(env, 1, &a, TextSink::receive);
+  sysenv_set_stream(env, 0, &a, TextSink::receive);
+  sysenv_set_stream(env, 0, &b, TextSink::receive);
+  sysenv_set_stream(env, 0, &a, TextSink::receive);
   EXPECT_EQ(env->stream_handle[1], &b);
   EXPECT_EQ(env->stream_callback[2], nullptr);
   sysenv_printf(env, "n=%d|", 5);

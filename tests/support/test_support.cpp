@@ -10,16 +10,15 @@ namespace hostkit_test {
 
 namespace {
 
-// Counts a block newly handed out; `fresh`: not a reallocation.
-void* count(CountingAllocator* self, bool fresh, void* block) {
-  self->live += block != nullptr && fresh;
-  return block;
-}
+CountingAllocator& self_of(void* handle) { return *static_cast<CountingAllocator*>(handle); }
 
 // Counts an allocating call; true when it is the one to fail.
-bool fails(void* handle) {
-  auto* self = static_cast<CountingAllocator*>(handle);
-  return ++self->allocating_calls == self->fail_at;
+bool fails(void* handle) { return ++self_of(handle).allocating_calls == self_of(handle).fail_at; }
+
+// Counts a block newly handed out; `fresh`: not a reallocation.
+void* counted(void* handle, bool fresh, void* block) {
+  self_of(handle).live += block != nullptr && fresh;
+  return block;
 }
 
 }  // namespace
@@ -29,22 +28,20 @@ CountingAllocator::~CountingAllocator() {
 }
 
 void* CountingAllocator::malloc(void* handle, uint64_t size) {
-  return count(static_cast<CountingAllocator*>(handle), true,
-               fails(handle) ? nullptr : std::malloc(static_cast<size_t>(size)));
+  return counted(handle, true, fails(handle) ? nullptr : std::malloc(static_cast<size_t>(size)));
 }
 
-void* CountingAllocator::calloc(void* handle, uint64_t count_, uint64_t size) {
-  return count(static_cast<CountingAllocator*>(handle), true,
-               fails(handle) ? nullptr : std::calloc(count_, size));
+void* CountingAllocator::calloc(void* handle, uint64_t count, uint64_t size) {
+  return counted(handle, true, fails(handle) ? nullptr : std::calloc(count, size));
 }
 
 void* CountingAllocator::realloc(void* handle, void* pointer, uint64_t size) {
-  return count(static_cast<CountingAllocator*>(handle), pointer == nullptr,
-               fails(handle) ? nullptr : std::realloc(pointer, static_cast<size_t>(size)));
+  return counted(handle, pointer == nullptr,
+                 fails(handle) ? nullptr : std::realloc(pointer, static_cast<size_t>(size)));
 }
 
 void CountingAllocator::free(void* handle, void* pointer) {
-  auto* self = static_cast<CountingAllocator*>(handle);
+  CountingAllocator* self = &self_of(handle);
   ++self->free_calls;
   self->live -= pointer != nullptr;
   if (self->park && pointer != nullptr) {
