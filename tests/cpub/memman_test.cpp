@@ -84,7 +84,8 @@ TEST(MemmanMessages, TraceFileOfAShortSession) {
 // A print callback hears a message when the level is above its threshold:
 // the line of every operation above 5, the closing lines above 1, the leak
 // listing above 0. A trace file that can't be opened is silent, and so is
-// text for none. Sizes in plain and grouped text.
+// text for none. A copy of no string is empty; an aligned size that wraps
+// is refused. Sizes in plain and grouped text.
 TEST(MemmanMessages, LevelsAndSizes) {
   for (int32_t level : {1, 5, 6}) {
     CountingAllocator user;
@@ -96,6 +97,10 @@ TEST(MemmanMessages, LevelsAndSizes) {
     memman_trace_text(manager, "lost");
     memman_trace_text(nullptr, "lost");
     memman_free("o.c", 2, manager, memman_alloc("o.c", 1, manager, 1, 8));
+    char* empty = memman_strdup("o.c", 4, manager, nullptr);  // a copy of none is empty
+    EXPECT_STREQ(empty, "");
+    memman_free("o.c", 5, manager, empty);
+    EXPECT_EQ(memman_alloc_aligned("o.c", 6, manager, UINT64_MAX - 3, 64), nullptr);
     memman_delete("d.c", 3, &manager);
     EXPECT_EQ(sink.text.find("Alloc      #0") == 0, level == 6) << sink.text;
     EXPECT_EQ(sink.text.find("Deleting mem manager.") != std::string::npos, level > 1) << sink.text;

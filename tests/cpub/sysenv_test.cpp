@@ -1,6 +1,6 @@
 // The system environment (creation with every allocation failing in turn,
 // the stream slots, the fatal path's exact texts), the bounded text
-// routines, and the edges of the memory manager's calling form.
+// routines.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -143,26 +143,6 @@ TEST(SysStr, BoundedCopyAndFormat) {
   char wide[64];
   sysstr_format(sizeof wide, wide, "%llu %lld", 18446744073709551615ull, -5ll);
   EXPECT_STREQ(wide, "18446744073709551615 -5");
-}
-
-// Null and zero at the edges of the memory manager's calling form.
-TEST(MemmanEdges, NullsAndZeros) {
-  for (int32_t tracking : {0, 1}) {
-    CountingAllocator user;
-    MemManager* manager = user.create_manager(tracking);
-    memman_free("e.c", 1, manager, nullptr);
-    EXPECT_EQ(user.free_calls, tracking == 0 ? 1 : 0);  // untracked: null reaches the callback
-    memman_free_aligned("e.c", 2, manager, nullptr);
-    EXPECT_EQ(memman_alloc_aligned("e.c", 3, manager, UINT64_MAX - 3, 64), nullptr);
-    char* empty = memman_strdup("e.c", 4, manager, nullptr);
-    EXPECT_STREQ(empty, "");
-    memman_free("e.c", 5, manager, empty);
-    EXPECT_EQ(memman_tracking(manager), tracking);
-    memman_delete("e.c", 7, &manager);
-    EXPECT_EQ(user.live, 0);
-  }
-  MemManager* none = nullptr;
-  EXPECT_EQ(memman_delete("e.c", 8, &none) + memman_delete("e.c", 8, nullptr), 0u);
 }
 
 }  // namespace
