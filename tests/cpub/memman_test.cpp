@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <latch>
 #include <regex>
 #include <string>
 #include <thread>
@@ -262,7 +263,8 @@ TEST(MemmanEnvironmentDeathTest, AbortsWithTheEnvironmentsFourLines) {
 
 // Four threads each keep a window of 300 blocks alive, filled with their
 // own letter, reallocating and freeing 100000 times: no block changes under
-// its owner, and the table grows past its first size while they run. Two
+// its owner. Each fills its window before any goes on, so 1200 blocks live
+// at once and the table grows past its first 1024 rows while they run. Two
 // threads opening and closing the trace file crash nothing and leave no
 // stream open (a stream left behind would hold the lowest free descriptor,
 // which a new stream gets).
@@ -270,9 +272,11 @@ TEST(MemmanThreads, ChurningBlocksAndTraceFilesOnOneManager) {
   CountingAllocator user;  // safe: callbacks run under the manager's lock
   MemManager* manager = user.create_manager(1);
   int damaged[4] = {};
+  std::latch filled(4);
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([manager, mark = static_cast<char>('A' + t), damaged = &damaged[t]] {
+    threads.emplace_back([manager, &filled, mark = static_cast<char>('A' + t),
+                          damaged = &damaged[t]] {
       std::vector<char*> live(300, nullptr);
       for (int i = 0; i < 100000; ++i) {
         char*& p = live[static_cast<size_t>(i) % live.size()];
@@ -282,6 +286,7 @@ TEST(MemmanThreads, ChurningBlocksAndTraceFilesOnOneManager) {
         std::memset(p, mark, 50);
         p = static_cast<char*>(memman_realloc("c.c", 3, manager, p, 100));
         std::memset(p + 50, mark, 50);
+        if (i + 1 == static_cast<int>(live.size())) filled.arrive_and_wait();
       }
       for (char* p : live) memman_free("c.c", 4, manager, p);
     });
